@@ -1,0 +1,118 @@
+#include "tools/utils/net.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "tools/utils/log.h"
+
+int make_socket_in(uint16_t port) {
+    int sock = socket(AF_INET, SOCK_STREAM, 0);
+    if (sock < 0) {
+        LOG_ERROR_AT("make_socket_in: socket(%d)=%d\n", port, sock);
+        return sock;
+    }
+    int one = 1;
+    setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_ANY);
+    addr.sin_port = htons(port);
+    int rc = bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    if (rc < 0) {
+        LOG_ERROR_AT("bind fail(%d)=%d\n", sock, rc);
+        close(sock);  // nobody else would ever close it
+        return rc;
+    }
+    rc = listen(sock, 1);
+    if (rc < 0) {
+        LOG_ERROR_AT("listen fail(%d)=%d\n", sock, rc);
+        close(sock);
+        return rc;
+    }
+    return sock;
+}
+
+int connect_to(uint32_t addr, uint16_t port, int timeout_seconds) {
+    int sock = socket(AF_INET, SOCK_STREAM, 0);
+    if (sock < 0) return -1;
+    // On Linux the send time-out also bounds connect itself.
+    if (timeout_seconds > 0) socket_set_timeouts(sock, timeout_seconds);
+    sockaddr_in peer{};
+    peer.sin_family = AF_INET;
+    peer.sin_addr.s_addr = addr;
+    peer.sin_port = htons(port);
+    if (connect(sock, reinterpret_cast<sockaddr*>(&peer), sizeof(peer)) < 0) {
+        close(sock);
+        return -1;
+    }
+    return sock;
+}
+
+int socket_read(int sock, void* buf, int count) {
+    if (buf == nullptr) return 0;
+    auto* bytes = static_cast<char*>(buf);
+    int total = 0;
+    int missing = count < 0 ? 0 : count;
+    ssize_t n;
+    for (;;) {
+        n = read(sock, bytes + total, static_cast<size_t>(missing));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            int saved = errno;  // callers tell a time-out from a reset by errno
+            log_tagged(zor_log::kRed, "read from sockfd : failed(%d) sockfd(%d)\n",
+                       static_cast<int>(n), sock);
+            errno = saved;
+            break;
+        }
+        if (n == 0) {
+            log_tagged(zor_log::kGreen,
+                       "read from sockfd : nothing left to read(%d)  sockfd(%d)\n", 0, sock);
+            break;
+        }
+        total += static_cast<int>(n);
+        missing -= static_cast<int>(n);
+    }
+    return total >= 1 ? total : static_cast<int>(n);
+}
+
+int socket_write(int sock, const void* buf, int count) {
+    if (buf == nullptr) return 0;
+    const auto* bytes = static_cast<const char*>(buf);
+    int sent = 0;
+    int remaining = count;
+    for (;;) {
+        ssize_t n = write(sock, bytes + sent, remaining < 0 ? 0 : static_cast<size_t>(remaining));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            log_tagged(zor_log::kRed, "write to sockfd failed(%d)\n", static_cast<int>(n));
+            return sent;
+        }
+        if (n == 0) {
+            log_tagged(zor_log::kGreen, "write to sockfd done but suspicious(size:%d)\n", count);
+            return sent;
+        }
+        sent += static_cast<int>(n);
+        remaining -= static_cast<int>(n);
+        if (remaining == 0) {
+            log_tagged(zor_log::kGreen, "write to sockfd done(size:%d)\n", count);
+            return sent;
+        }
+        if (remaining < 0) {
+            log_tagged(zor_log::kRed, "socket_write, something wrong in size calculation");
+            return sent;
+        }
+    }
+}
+
+void socket_set_timeouts(int sock, int seconds) {
+    timeval tv{};
+    tv.tv_sec = seconds;
+    setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+    setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
+}

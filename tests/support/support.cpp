@@ -1,0 +1,270 @@
+#include "support/support.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+#include <utility>
+
+namespace zt {
+
+namespace {
+
+std::string env_or(const char* name, const char* fallback) {
+    const char* v = std::getenv(name);
+    return v && *v ? v : fallback;
+}
+
+bool wait_readable(int fd, std::chrono::milliseconds timeout) {
+    pollfd p{fd, POLLIN, 0};
+    return ::poll(&p, 1, static_cast<int>(timeout.count())) > 0;
+}
+
+int exit_status(int status) {
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return -1;
+}
+
+}  // namespace
+
+std::string build_dir() { return env_or("ZOR_BUILD_DIR", "build"); }
+std::string source_dir() { return env_or("ZOR_SOURCE_DIR", "."); }
+
+bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (cond()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return cond();
+}
+
+std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+bool file_exists(const std::string& path) {
+    struct stat st {};
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+Process::~Process() {
+    if (pid_ > 0) stop(SIGKILL, std::chrono::seconds(5));
+}
+
+bool Process::start(const std::vector<std::string>& argv, const std::string& log_path) {
+    log_path_ = log_path;
+    pid_ = ::fork();
+    if (pid_ < 0) return false;
+    if (pid_ == 0) {
+        int fd = ::open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd >= 0) {
+            ::dup2(fd, 1);
+            ::dup2(fd, 2);
+            ::close(fd);
+        }
+        std::vector<char*> args;
+        for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        ::execv(args[0], args.data());
+        ::_exit(127);
+    }
+    return true;
+}
+
+int Process::wait_exit(std::chrono::milliseconds timeout) {
+    if (pid_ <= 0) return -1;
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        int status = 0;
+        pid_t r = ::waitpid(pid_, &status, WNOHANG);
+        if (r == pid_) {
+            pid_ = -1;
+            return exit_status(status);
+        }
+        if (std::chrono::steady_clock::now() >= deadline) return -1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+int Process::stop(int sig, std::chrono::milliseconds timeout) {
+    if (pid_ <= 0) return -1;
+    ::kill(pid_, sig);
+    int rc = wait_exit(timeout);
+    if (rc == -1 && pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        int status = 0;
+        ::waitpid(pid_, &status, 0);
+        pid_ = -1;
+    }
+    return rc;
+}
+
+Client& Client::operator=(Client&& other) noexcept {
+    if (this != &other) {
+        close();
+        fd_ = other.fd_;
+        pending_ = std::move(other.pending_);
+        other.fd_ = -1;
+    }
+    return *this;
+}
+
+Client::~Client() { close(); }
+
+void Client::close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+}
+
+Client Client::connect(const std::string& host, int port, std::chrono::milliseconds retry_for) {
+    auto deadline = std::chrono::steady_clock::now() + retry_for;
+    for (;;) {
+        int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(static_cast<uint16_t>(port));
+        ::inet_pton(AF_INET, host.c_str(), &addr.sin_addr);
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0) {
+            timeval tv{10, 0};
+            ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+            return Client(fd);
+        }
+        ::close(fd);
+        if (std::chrono::steady_clock::now() >= deadline) return Client();
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+}
+
+bool Client::send(const std::string& bytes) {
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+        ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0) return false;
+        sent += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+std::string Client::recv_some(std::chrono::milliseconds timeout, size_t max) {
+    if (!pending_.empty()) return std::exchange(pending_, {});
+    if (!wait_readable(fd_, timeout)) return {};
+    std::string out(max, '\0');
+    ssize_t n = ::recv(fd_, out.data(), max, 0);
+    out.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return out;
+}
+
+std::string Client::recv_message(std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    std::string data = std::exchange(pending_, {});
+    for (;;) {
+        size_t end = data.find("\r\n\r\n");
+        if (end != std::string::npos) {
+            std::string cl = header_value(data.substr(0, end + 4), "Content-Length");
+            size_t total = end + 4 + (cl.empty() ? 0 : std::strtoul(cl.c_str(), nullptr, 10));
+            if (data.size() >= total) {
+                pending_ = data.substr(total);
+                return data.substr(0, total);
+            }
+        }
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || !wait_readable(fd_, left)) return data;
+        char buf[8192];
+        ssize_t n = ::recv(fd_, buf, sizeof(buf), 0);
+        if (n <= 0) return data;
+        data.append(buf, static_cast<size_t>(n));
+    }
+}
+
+std::string Client::recv_all(std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    std::string data = std::exchange(pending_, {});
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || !wait_readable(fd_, left)) return data;
+        char buf[8192];
+        ssize_t n = ::recv(fd_, buf, sizeof(buf), 0);
+        if (n <= 0) return data;
+        data.append(buf, static_cast<size_t>(n));
+    }
+}
+
+bool Client::closed_by_peer(std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || !wait_readable(fd_, left)) return false;
+        char buf[4096];
+        ssize_t n = ::recv(fd_, buf, sizeof(buf), 0);
+        if (n == 0) return true;
+        if (n < 0) return errno == ECONNRESET;
+        pending_.append(buf, static_cast<size_t>(n));
+    }
+}
+
+int listen_on(const std::string& host, int port, int* bound_port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    int one = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    ::inet_pton(AF_INET, host.c_str(), &addr.sin_addr);
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || ::listen(fd, 16) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    if (bound_port) {
+        socklen_t len = sizeof(addr);
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+        *bound_port = ntohs(addr.sin_port);
+    }
+    return fd;
+}
+
+int accept_one(int listen_fd, std::chrono::milliseconds timeout) {
+    if (!wait_readable(listen_fd, timeout)) return -1;
+    return ::accept(listen_fd, nullptr, nullptr);
+}
+
+std::string header_value(const std::string& message, const std::string& name) {
+    std::string key = "\r\n" + name + ":";
+    size_t at = message.find(key);
+    if (at == std::string::npos) return {};
+    size_t start = at + key.size();
+    while (start < message.size() && message[start] == ' ') ++start;
+    size_t end = message.find("\r\n", start);
+    return message.substr(start, end == std::string::npos ? std::string::npos : end - start);
+}
+
+int status_code(const std::string& message) {
+    size_t sp = message.find(' ');
+    if (sp == std::string::npos) return -1;
+    return std::atoi(message.c_str() + sp + 1);
+}
+
+std::string body_of(const std::string& message) {
+    size_t end = message.find("\r\n\r\n");
+    return end == std::string::npos ? std::string() : message.substr(end + 4);
+}
+
+}  // namespace zt
