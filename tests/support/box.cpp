@@ -1,0 +1,71 @@
+#include "support/box.h"
+
+#include <signal.h>
+
+#include <sstream>
+
+namespace zt {
+
+bool Box::start_player(const std::vector<std::string>& options) {
+    std::vector<std::string> argv{build_dir() + "/player_sim", "--out", kSimOut};
+    argv.insert(argv.end(), options.begin(), options.end());
+    if (!player_.start(argv, "/tmp/player_sim.log")) return false;
+    return wait_until([] { return Client::connect("127.0.0.1", 8008, {}).ok(); });
+}
+
+bool Box::start_daemon() {
+    if (!daemon_.start({build_dir() + "/zor_airplay"}, "/tmp/zor_airplay.log")) return false;
+    return wait_until([] { return Client::connect("127.0.0.1", 7000, {}).ok(); });
+}
+
+bool Box::start(const std::vector<std::string>& player_options) {
+    return start_player(player_options) && start_daemon();
+}
+
+int Box::stop_daemon() { return daemon_.running() ? daemon_.stop(SIGTERM) : -1; }
+
+void Box::stop() {
+    stop_daemon();
+    if (player_.running()) player_.stop(SIGTERM, std::chrono::seconds(5));
+}
+
+std::vector<PlayerCommand> Box::commands() const {
+    std::vector<PlayerCommand> out;
+    std::istringstream in(read_file(std::string(kSimOut) + "/commands.log"));
+    std::string line;
+    while (std::getline(in, line)) {
+        size_t t1 = line.find('\t');
+        size_t t2 = t1 == std::string::npos ? t1 : line.find('\t', t1 + 1);
+        if (t2 == std::string::npos) continue;
+        PlayerCommand c;
+        c.time_ms = std::atoll(line.substr(0, t1).c_str());
+        c.name = line.substr(t1 + 1, t2 - t1 - 1);
+        c.target = line.substr(t2 + 1);
+        out.push_back(std::move(c));
+    }
+    return out;
+}
+
+bool Box::wait_command(const std::string& name, size_t count,
+                       std::chrono::milliseconds timeout) const {
+    return wait_until(
+        [&] {
+            size_t n = 0;
+            for (const auto& c : commands()) n += c.name == name;
+            return n >= count;
+        },
+        timeout);
+}
+
+std::string Box::sim(const std::string& target) const {
+    Client c = Client::connect("127.0.0.1", 8008);
+    if (!c.ok()) return {};
+    c.send("GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1:8008\r\n\r\n");
+    return body_of(c.recv_all());
+}
+
+bool Box::wait_log(const std::string& text, std::chrono::milliseconds timeout) const {
+    return wait_until([&] { return daemon_.log().find(text) != std::string::npos; }, timeout);
+}
+
+}  // namespace zt
