@@ -1,0 +1,73 @@
+// The connection loops against many, stalled and hostile clients.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <string>
+#include <vector>
+
+#include "support/box.h"
+#include "support/support.h"
+
+namespace {
+
+std::string ask(zt::Client& c) {
+    c.send("GET /nothing HTTP/1.1\r\n\r\n");
+    return c.recv_message();
+}
+
+}  // namespace
+
+TEST(ConnectionLoop, ServesSeveralOpenConnectionsAndClosesTheOnesThatEnd) {
+    zt::Box box;
+    ASSERT_TRUE(box.start_daemon());
+    zt::Client first = zt::Client::connect("127.0.0.1", 7000);
+    zt::Client second = zt::Client::connect("127.0.0.1", 7000);
+    ASSERT_TRUE(first.ok() && second.ok());
+    EXPECT_EQ(zt::status_code(ask(second)), 501);
+    EXPECT_EQ(zt::status_code(ask(first)), 501);
+    EXPECT_EQ(zt::status_code(ask(second)), 501);  // persistent: same connection again
+
+    first.close();
+    EXPECT_TRUE(box.wait_log("airplay_thread close socket")) << box.daemon_log();
+    EXPECT_EQ(zt::status_code(ask(second)), 501);
+}
+
+TEST(ConnectionLoop, StalledClientIsCutOffAndOthersGoOn) {
+    zt::Box box;
+    ASSERT_TRUE(box.start_daemon());
+    zt::Client stalled = zt::Client::connect("127.0.0.1", 7000);
+    ASSERT_TRUE(stalled.ok());
+    stalled.send("GET /half-a-request HTTP/1.1\r\nHost:");  // and then nothing
+    // The loop gives the stalled request its time-out, answers what it has, then serves
+    // the next client.
+    zt::Client next = zt::Client::connect("127.0.0.1", 7000);
+    ASSERT_TRUE(next.ok());
+    next.send("GET /next HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(zt::status_code(next.recv_message(std::chrono::seconds(25))), 501);
+    EXPECT_NE(box.daemon_log().find("Read from sockfd failed(-1)"), std::string::npos)
+        << box.daemon_log();
+}
+
+TEST(ConnectionLoop, DescriptorsBeyondSelectsLimitAreRefused) {
+    // Let the daemon open more descriptors than select can watch.
+    rlimit lim{4096, 4096};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lim), 0);
+    zt::Box box;
+    ASSERT_TRUE(box.start_daemon());
+    std::vector<zt::Client> crowd;
+    for (int i = 0; i < 1040; ++i) {
+        crowd.push_back(zt::Client::connect("127.0.0.1", 7000));
+        ASSERT_TRUE(crowd.back().ok()) << i;
+    }
+    EXPECT_TRUE(box.wait_log("descriptor beyond select's limit", std::chrono::seconds(30)));
+    EXPECT_EQ(zt::status_code(ask(crowd.front())), 501);
+    crowd.clear();
+    // Once the crowd's connections are closed, a newcomer is served again.
+    EXPECT_TRUE(zt::wait_until(
+        [] {
+            zt::Client fresh = zt::Client::connect("127.0.0.1", 7000);
+            return fresh.ok() && zt::status_code(ask(fresh)) == 501;
+        },
+        std::chrono::seconds(30)));
+    EXPECT_TRUE(box.daemon().running());
+}

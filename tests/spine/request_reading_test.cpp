@@ -1,0 +1,178 @@
+// read_request against a peer that writes exactly what a sender would, piece by piece.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tools/utils/request.h"
+
+namespace {
+
+// A connected pair: the test writes on `peer`, the code under test reads `sock`.
+struct Pair {
+    int sock = -1, peer = -1;
+    Pair() {
+        int fds[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+        sock = fds[0];
+        peer = fds[1];
+    }
+    ~Pair() {
+        if (sock >= 0) close(sock);
+        if (peer >= 0) close(peer);
+    }
+    void send(const std::string& s) { ASSERT_EQ(write(peer, s.data(), s.size()), (ssize_t)s.size()); }
+    void close_peer() {
+        close(peer);
+        peer = -1;
+    }
+};
+
+// Writes the pieces with a pause between them, so each arrives as its own read.
+std::thread send_in_pieces(Pair& p, std::vector<std::string> pieces) {
+    return std::thread([&p, pieces] {
+        for (const auto& piece : pieces) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+            p.send(piece);
+        }
+    });
+}
+
+std::string captured_read(Pair& p, net_message* msg, int* result) {
+    testing::internal::CaptureStdout();
+    *result = read_request(p.sock, msg);
+    fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+}
+
+const std::string kGet = "GET /server-info HTTP/1.1\r\nHost: box\r\n\r\n";
+
+}  // namespace
+
+TEST(ReadRequest, AssemblesHeaderBlockSplitOverSegments) {
+    Pair p;
+    auto msg = std::make_unique<net_message>();
+    net_message_clear(msg.get());
+    std::thread t = send_in_pieces(p, {"GET /server-info HT", "TP/1.1\r\nHost: box\r", "\n\r\n"});
+    int n = read_request(p.sock, msg.get());
+    t.join();
+    EXPECT_EQ(n, (int)kGet.size());
+    EXPECT_EQ(msg->header_len, (int)kGet.size());
+    EXPECT_EQ(msg->content_length, 0);
+    EXPECT_EQ(std::string(msg->head), kGet);
+    EXPECT_EQ(msg->body[0], '\0');
+}
+
+TEST(ReadRequest, KeepsBodyBytesThatArriveWithTheHeader) {
+    Pair p;
+    auto msg = std::make_unique<net_message>();
+    net_message_clear(msg.get());
+    std::string head = "POST /play HTTP/1.1\r\nContent-Length: 250\r\n\r\n";
+    std::string body(100, 'b');
+    p.send(head + body);
+    int n = read_request(p.sock, msg.get());
+    EXPECT_EQ(n, (int)(head.size() + 100));
+    EXPECT_EQ(msg->header_len, (int)head.size());
+    EXPECT_EQ(msg->content_length, 250);
+    EXPECT_EQ(std::string(msg->body, 100), body);
+    EXPECT_EQ(msg->body[100], '\0');
+}
+
+TEST(ReadRequest, ContentLengthIsMatchedExactly) {
+    struct Case {
+        const char* header;
+        int expected;
+    } cases[] = {
+        {"content-length: 12", 0},         // lower case is another header
+        {"Content-Length:    42", 42},     // blanks skipped
+        {"Content-Length: abc", 0},        // not a number
+        {"Content-Length: 17xyz", 17},     // digits up to the first non-digit
+        {"Content-Length: 99999999999", 0x7fffffff},  // saturates, never wraps negative
+    };
+    for (const auto& c : cases) {
+        Pair p;
+        auto msg = std::make_unique<net_message>();
+        net_message_clear(msg.get());
+        p.send(std::string("POST /x HTTP/1.1\r\n") + c.header + "\r\n\r\n");
+        ASSERT_GT(read_request(p.sock, msg.get()), 0);
+        EXPECT_EQ(msg->content_length, c.expected) << c.header;
+    }
+}
+
+TEST(ReadRequest, HeaderBlockWithoutEndIsCutAt5119Bytes) {
+    Pair p;
+    auto msg = std::make_unique<net_message>();
+    net_message_clear(msg.get());
+    std::string block = "GET /" + std::string(6000, 'a');  // more than fits, never ends
+    std::thread t([&] { (void)!write(p.peer, block.data(), block.size()); });
+    int n = 0;
+    std::string out = captured_read(p, msg.get(), &n);
+    t.join();
+    EXPECT_EQ(n, 5119);
+    EXPECT_EQ(msg->header_len, 5119);
+    EXPECT_EQ(msg->content_length, 0);
+    EXPECT_EQ(std::string(msg->head, 5119), block.substr(0, 5119));
+    EXPECT_NE(out.find("Read from sockfd failed(0) from sockfd("), std::string::npos) << out;
+}
+
+TEST(ReadRequest, PeerThatClosesAtOnceGivesZeroAndOneLine) {
+    Pair p;
+    auto msg = std::make_unique<net_message>();
+    net_message_clear(msg.get());
+    p.close_peer();
+    int n = -5;
+    std::string out = captured_read(p, msg.get(), &n);
+    EXPECT_EQ(n, 0);
+    EXPECT_EQ(msg->header_len, 0);
+    EXPECT_EQ(out, "\x1b[1;34m[ZOR_AIRPLAY] \x1b[0mRead from sockfd failed(0) from sockfd(" +
+                       std::to_string(p.sock) + ")\n");
+}
+
+TEST(ReadRequest, PeerThatClosesMidHeaderStillYieldsTheRequestLine) {
+    Pair p;
+    auto msg = std::make_unique<net_message>();
+    net_message_clear(msg.get());
+    p.send("GET /playback-info HTTP/1.1\r\nHo");
+    p.close_peer();
+    int n = read_request(p.sock, msg.get());
+    EXPECT_EQ(n, 31);
+    EXPECT_EQ(msg->header_len, 31);
+    EXPECT_EQ(std::strncmp(msg->head, "GET /playback-info", 18), 0);
+}
+
+TEST(ReadRequest, PipelinedSecondRequestLandsInTheFirstOnesBody) {
+    Pair p;
+    auto msg = std::make_unique<net_message>();
+    net_message_clear(msg.get());
+    std::string second = "GET /playback-info HTTP/1.1\r\n\r\n";
+    p.send(kGet + second);
+    int n = read_request(p.sock, msg.get());
+    EXPECT_EQ(n, (int)(kGet.size() + second.size()));
+    EXPECT_EQ(msg->header_len, (int)kGet.size());
+    EXPECT_EQ(std::string(msg->body), second);
+}
+
+TEST(FindBounded, LooksOnlyBeforeTheLastByteAndRestoresIt) {
+    char text[] = "abc\r\n\r\nXYZ";
+    // size 7 leaves out the final '\n' of the empty line: no match.
+    EXPECT_EQ(find_bounded(text, "\r\n\r\n", 7), nullptr);
+    EXPECT_EQ(text[6], '\n');
+    EXPECT_EQ(find_bounded(text, "\r\n\r\n", 8), text + 3);
+    // An earlier zero byte ends the search.
+    char with_zero[] = "ab\0cd";
+    EXPECT_EQ(find_bounded(with_zero, "cd", sizeof(with_zero)), nullptr);
+}
+
+TEST(StatusReason, KnownCodesAndTheRest) {
+    EXPECT_STREQ(status_reason(200), "OK");
+    EXPECT_STREQ(status_reason(501), "Not Implemented");
+    EXPECT_STREQ(status_reason(101), "Switching Protocols");
+    EXPECT_STREQ(status_reason(404), "Unknown");
+    EXPECT_STREQ(status_reason(-1), "Unknown");
+}
