@@ -38,3 +38,19 @@ int airplay_video_stop(net_exchange* x);                             // POST /st
 
 // Queues a seek to target seconds through the seek thread. Returns 0.
 int airplay_video_seek(net_message* command, net_exchange* reply, int target);
+
+// Reads the player's get_current_vod_info reply text into vs: status (4 when no known
+// status tag), seek_enabled, duration and position (whole seconds; digits cut to 31
+// characters). Does nothing when text is null.
+void airplay_video_parse_info(const char* text, video_status_record* vs);
+
+// Writes one "POST /event" request with the state ("loading", "playing", "paused",
+// "stopped") and the category of the media shown to sock. Returns the bytes written; a
+// short write is logged, never retried.
+int send_playback_event_xml(int sock, const char* state);
+
+// Posts the event on the sender's reverse connection, if there is one. Safe against the
+// connection loop closing that connection meanwhile: an event never reaches a descriptor
+// reused by another connection. Returns the bytes written, or -1 when there is no
+// reverse connection.
+int send_event_to_sender(media_session* session, const char* state);
