@@ -1,0 +1,181 @@
+// In-process checks of the AirPlay unit's parsers and builders: the player's status reply,
+// the event request, and the replies whose values come from the video state.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <climits>
+#include <csignal>
+#include <string>
+
+#include "airplay/airplay.h"
+#include "airplay/video/airplay_video.h"
+#include "airplay_test_util.h"
+#include "main/daemon.h"
+
+namespace {
+
+struct Parsed {
+    int status, seek, duration, position;
+};
+
+Parsed parse(const std::string& text, int preset = 7) {
+    video_status_record vs{};
+    vs.status = preset;
+    vs.duration = preset;
+    vs.position = preset;
+    vs.seek_enabled = preset;
+    airplay_video_parse_info(text.c_str(), &vs);
+    return {vs.status, vs.seek_enabled, vs.duration, vs.position};
+}
+
+TEST(VideoParseInfo, StatusTagsInTheirOrder) {
+    EXPECT_EQ(parse("<currentStatus>pause<x><currentStatus>play<").status, 1);
+    EXPECT_EQ(parse("<currentStatus>pause</currentStatus>").status, 3);
+    EXPECT_EQ(parse("<currentStatus>stop</currentStatus>").status, 4);
+    EXPECT_EQ(parse("<currentStatus>buffering</currentStatus>").status, 2);
+    EXPECT_EQ(parse("<currentStatus>playing</currentStatus>").status, 4);  // not a known tag
+    EXPECT_EQ(parse("").status, 4);
+    EXPECT_EQ(parse("<seekEnable>true</seekEnable>").seek, 1);
+    EXPECT_EQ(parse("<seekEnable>false</seekEnable>").seek, 0);
+}
+
+TEST(VideoParseInfo, TimesUpToTheNextTag) {
+    Parsed p = parse("<totalTime>90</totalTime><currentTime> 30.7</currentTime>");
+    EXPECT_EQ(p.duration, 90);
+    EXPECT_EQ(p.position, 30);
+    EXPECT_EQ(parse("<currentTime>-12abc</currentTime>").position, -12);
+    EXPECT_EQ(parse("<currentTime>x</currentTime>").position, 0);
+    // Missing tag: 0; tag without a following "<": the old value stays.
+    EXPECT_EQ(parse("<currentTime>5<").duration, 0);
+    EXPECT_EQ(parse("<totalTime>90").duration, 7);
+    // Values beyond the int range are clamped, never undefined.
+    EXPECT_EQ(parse("<totalTime>99999999999999<").duration, INT_MAX);
+}
+
+TEST(VideoParseInfo, LongNumbersAreCutTo31Characters) {
+    EXPECT_EQ(parse("<totalTime>" + std::string(30, ' ') + "5<").duration, 5);
+    EXPECT_EQ(parse("<totalTime>" + std::string(31, ' ') + "5<").duration, 0);
+    EXPECT_EQ(parse("<totalTime>" + std::string(4000, '1') + "<").duration, INT_MAX);
+    video_status_record vs{};
+    vs.duration = 3;
+    airplay_video_parse_info(nullptr, &vs);
+    EXPECT_EQ(vs.duration, 3);
+}
+
+// Reads what one side of a socket pair has received so far.
+std::string drain(int fd) {
+    std::string out;
+    char buf[8192];
+    ssize_t n;
+    while ((n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT)) > 0) out.append(buf, n);
+    return out;
+}
+
+class PairTest : public ::testing::Test {
+   protected:
+    void SetUp() override {
+        std::signal(SIGPIPE, SIG_IGN);
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds_), 0);
+        daemon_init_session(&g_daemon.session);
+    }
+    void TearDown() override {
+        close(fds_[0]);
+        close(fds_[1]);
+    }
+    int fds_[2] = {-1, -1};
+};
+
+using PlaybackEvent = PairTest;
+
+TEST_F(PlaybackEvent, RequestBytesAndCategory) {
+    const std::string body =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n" + zt::kDoctype +
+        "\r\n"
+        "<plist version=\"1.0\">\r\n<dict>\r\n<key>category</key>\r\n<string>video</string>\r\n"
+        "<key>sessionID</key>\r\n<integer>1</integer>\r\n<key>state</key>\r\n"
+        "<string>playing</string>\r\n</dict>\r\n</plist>\r\n\r\n";
+    const std::string expected =
+        "POST /event HTTP/1.1\r\nContent-Type: application/x-apple-plist\r\nContent-Length: " +
+        std::to_string(body.size()) +
+        "\r\nX-Apple-Session-ID: 00000000-0000-0000-0000-000000000000\r\n\r\n" + body;
+
+    g_daemon.session.activity_mask = kActivityVideo;
+    EXPECT_EQ(send_playback_event_xml(fds_[0], "playing"), static_cast<int>(expected.size()));
+    EXPECT_EQ(drain(fds_[1]), expected);
+
+    g_daemon.session.activity_mask = kActivityVideo | kActivityPhoto;
+    send_playback_event_xml(fds_[0], "paused");
+    EXPECT_EQ(zt::plist_value(zt::body_of(drain(fds_[1])), "category"), "photo");
+
+    g_daemon.session.activity_mask = 0;
+    testing::internal::CaptureStdout();
+    send_playback_event_xml(fds_[0], "stopped");
+    fflush(stdout);
+    std::string log = testing::internal::GetCapturedStdout();
+    std::string event = zt::body_of(drain(fds_[1]));
+    EXPECT_EQ(zt::plist_value(event, "category"), "video");
+    EXPECT_EQ(zt::plist_value(event, "state"), "stopped");
+    EXPECT_NE(log.find("WARNING : no current media type, force video\n"), std::string::npos);
+}
+
+TEST_F(PlaybackEvent, NoReverseConnectionOrAClosedOne) {
+    EXPECT_EQ(send_event_to_sender(&g_daemon.session, "playing"), -1);
+    g_daemon.session.event_socket = fds_[0];
+    EXPECT_GT(send_event_to_sender(&g_daemon.session, "playing"), 0);
+    EXPECT_NE(drain(fds_[1]).find("<string>playing</string>"), std::string::npos);
+    close(fds_[1]);
+    fds_[1] = -1;
+    // The sender has gone: the write fails, is logged, and nothing else happens.
+    EXPECT_EQ(send_event_to_sender(&g_daemon.session, "paused"), 0);
+}
+
+using DispatchValues = PairTest;
+
+std::string dispatch(int fds[2], const std::string& request) {
+    send(fds[1], request.data(), request.size(), 0);
+    int status = airplay_dispatch(&g_daemon.session, fds[0]);
+    std::string reply = drain(fds[1]);
+    return status == 200 ? reply : "status " + std::to_string(status) + "\n" + reply;
+}
+
+TEST_F(DispatchValues, PlaybackInfoScrubAndAccessLogFollowTheVideo) {
+    video_status.status = 1;
+    video_status.position = 30;
+    video_status.duration = 120;
+    std::string info = zt::body_of(dispatch(fds_, "GET /playback-info HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ(zt::plist_value(info, "duration"), "120.000000");
+    EXPECT_EQ(zt::plist_value(info, "position"), "30.000000");
+    EXPECT_EQ(zt::plist_value(info, "rate"), "1");
+    EXPECT_NE(info.find("<key>duration</key>\r\n<real>120.000000</real>"), std::string::npos);
+    EXPECT_NE(info.find("<key>loadedTimeRanges</key>\r\n<array>\r\n<dict>\r\n"
+                        "<key>duration</key> <real>120.000000</real>"),
+              std::string::npos);
+
+    EXPECT_EQ(zt::body_of(dispatch(fds_, "GET /scrub HTTP/1.1\r\n\r\n")),
+              "duration: 120.000000\r\nposition: 30.000000\r\n");
+
+    std::string log = zt::body_of(
+        dispatch(fds_, "POST /getProperty?playbackAccessLog HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ(zt::plist_value(log, "bytes"), "15360");
+    EXPECT_EQ(zt::plist_value(log, "c-duration-downloaded"), "35");
+    EXPECT_EQ(zt::plist_value(log, "c-duration-watched"), "30.000000");
+
+    video_status.status = 3;
+    video_status.position = 118;
+    info = zt::body_of(dispatch(fds_, "GET /playback-info HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ(zt::plist_value(info, "rate"), "0");
+    log = zt::body_of(dispatch(fds_, "POST /getProperty?playbackAccessLog HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ(zt::plist_value(log, "c-duration-downloaded"), "120");
+
+    // Player numbers at the edge of the int range do not overflow the arithmetic.
+    video_status.position = INT_MAX;
+    video_status.duration = INT_MAX;
+    log = zt::body_of(dispatch(fds_, "POST /getProperty?playbackAccessLog HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ(zt::plist_value(log, "c-duration-downloaded"), std::to_string(INT_MAX));
+    airplay_video_init();
+    video_status.position = 0;
+    video_status.duration = 0;
+}
+
+}  // namespace
