@@ -1,0 +1,262 @@
+// The binary property-list reader against bodies written by Python's plistlib
+// (tests/airplay_video/bplists, made by make_bplists.py) and against broken bodies.
+// Every body is parsed from a heap buffer of exactly its length, so a read past the end
+// is caught by AddressSanitizer in the sanitizer build.
+#include "tools/decipher/bplist.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "support/support.h"
+
+namespace {
+
+using Bytes = std::vector<char>;
+
+const char kUrl[] = "http://192.0.2.20:8080/media/movie one.mp4";
+
+Bytes load(const std::string& name) {
+    std::string data =
+        zt::read_file(zt::source_dir() + "/tests/airplay_video/bplists/" + name + ".bplist");
+    EXPECT_FALSE(data.empty()) << name;
+    return Bytes(data.begin(), data.end());
+}
+
+struct Found {
+    bool found = false;
+    std::string content;
+    float position = -1.0f;
+    std::string log;
+};
+
+// Parses a private copy of exactly the body's size and reports what the reader found.
+Found parse(const Bytes& body) {
+    Bytes copy(body);
+    char* end = reinterpret_cast<char*>(1);
+    Found f;
+    testing::internal::CaptureStdout();
+    char* content = bplist_find_content(copy.empty() ? nullptr : copy.data(),
+                                        static_cast<uint32_t>(copy.size()), &end, &f.position);
+    f.log = testing::internal::GetCapturedStdout();
+    f.found = content != nullptr;
+    if (content != nullptr) {
+        EXPECT_TRUE(end >= content && end <= copy.data() + copy.size());
+        f.content.assign(content, end);
+    } else {
+        EXPECT_EQ(end, nullptr);
+    }
+    return f;
+}
+
+// Builds a body by hand: objects in order from byte 8, then the offset table, then the
+// trailer, with one-byte offsets and references unless told otherwise.
+Bytes build(const std::vector<Bytes>& objects, uint64_t top, uint8_t offset_size = 1,
+            uint8_t ref_size = 1) {
+    Bytes body = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+    std::vector<uint64_t> offsets;
+    for (const Bytes& o : objects) {
+        offsets.push_back(body.size());
+        body.insert(body.end(), o.begin(), o.end());
+    }
+    uint64_t table = body.size();
+    for (uint64_t off : offsets)
+        for (int i = offset_size - 1; i >= 0; --i)
+            body.push_back(static_cast<char>(off >> (8 * i)));
+    Bytes trailer(32, 0);
+    trailer[6] = static_cast<char>(offset_size);
+    trailer[7] = static_cast<char>(ref_size);
+    auto put64 = [&](int at, uint64_t v) {
+        for (int i = 0; i < 8; ++i) trailer[at + i] = static_cast<char>(v >> (8 * (7 - i)));
+    };
+    put64(8, objects.size());
+    put64(16, top);
+    put64(24, table);
+    body.insert(body.end(), trailer.begin(), trailer.end());
+    return body;
+}
+
+Bytes ascii(const std::string& s) {
+    Bytes b;
+    if (s.size() < 15) {
+        b.push_back(static_cast<char>(0x50 | s.size()));
+    } else {
+        b = {static_cast<char>(0x5f), 0x11, static_cast<char>(s.size() >> 8),
+             static_cast<char>(s.size() & 0xff)};
+    }
+    b.insert(b.end(), s.begin(), s.end());
+    return b;
+}
+
+TEST(BplistReader, FindsLocationAndPositionAtTheTopLevel) {
+    Bytes body = load("simple");
+    Bytes before = body;
+    Found f = parse(body);
+    ASSERT_TRUE(f.found);
+    EXPECT_EQ(f.content, kUrl);
+    EXPECT_FLOAT_EQ(f.position, 0.25f);
+    EXPECT_NE(f.log.find(std::string("s->content : ") + kUrl), std::string::npos);
+    EXPECT_NE(f.log.find("position : 0.250000"), std::string::npos);
+
+    // The caller's buffer is read in place and left as it was.
+    std::vector<char> copy(body);
+    char* end = nullptr;
+    float position = 0;
+    char* content = bplist_find_content(copy.data(), copy.size(), &end, &position);
+    ASSERT_NE(content, nullptr);
+    EXPECT_EQ(std::string(copy.data() + 0x32, std::strlen(kUrl)), kUrl);
+    EXPECT_EQ(content, copy.data() + 0x32);
+    EXPECT_EQ(end - content, static_cast<long>(std::strlen(kUrl)));
+    EXPECT_EQ(copy, before);
+}
+
+TEST(BplistReader, StartPositionFromRealsAndIntegers) {
+    EXPECT_FLOAT_EQ(parse(load("real4")).position, 0.25f);
+    Found integer = parse(load("integer_position"));
+    EXPECT_TRUE(integer.found);
+    EXPECT_FLOAT_EQ(integer.position, 42.0f);
+    EXPECT_FLOAT_EQ(parse(load("negative_position")).position, -3.0f);
+    Found none = parse(load("dates"));
+    EXPECT_TRUE(none.found);
+    EXPECT_FLOAT_EQ(none.position, 0.0f);
+}
+
+TEST(BplistReader, WithoutLocationTheResultIsNullButThePositionCounts) {
+    Found f = parse(load("position_only"));
+    EXPECT_FALSE(f.found);
+    EXPECT_FLOAT_EQ(f.position, 0.3f);
+    EXPECT_NE(f.log.find("position : 0.300000"), std::string::npos);
+    EXPECT_FALSE(parse(load("no_location")).found);
+}
+
+TEST(BplistReader, NestedDictionariesAreSearchedArraysAreNot) {
+    Found nested = parse(load("nested"));
+    EXPECT_TRUE(nested.found);
+    EXPECT_EQ(nested.content, kUrl);
+    EXPECT_FLOAT_EQ(nested.position, 0.5f);
+
+    Found array = parse(load("in_array"));
+    EXPECT_FALSE(array.found);
+    EXPECT_FLOAT_EQ(array.position, 0.5f);
+    EXPECT_NE(array.log.find("[funct:readBTypeX]"), std::string::npos);
+    EXPECT_NE(array.log.find("bplist unimplemented(1)"), std::string::npos);
+
+    Found deep = parse(load("deep_ok"));
+    EXPECT_TRUE(deep.found);
+    EXPECT_EQ(deep.content, kUrl);
+}
+
+TEST(BplistReader, CountsAndReferencesBeyondOneByte) {
+    Found many = parse(load("many_pairs"));  // 22 pairs: the count follows the marker
+    EXPECT_EQ(many.content, kUrl);
+    EXPECT_FLOAT_EQ(many.position, 0.75f);
+    Found wide = parse(load("wide_refs"));  // over 255 objects: two-byte references
+    EXPECT_EQ(wide.content, kUrl);
+    Found long_key = parse(load("long_key"));
+    EXPECT_EQ(long_key.content, kUrl);
+    Found large = parse(load("large"));
+    EXPECT_EQ(large.content, kUrl);
+}
+
+TEST(BplistReader, KeysMatchByPrefixAndTheLastMatchWins) {
+    EXPECT_EQ(parse(load("two_locations")).content, "http://192.0.2.20/second.mp4");
+    EXPECT_EQ(parse(load("nested_then_top")).content, "http://192.0.2.20/outer.mp4");
+    Found short_key = parse(load("short_key"));
+    EXPECT_FALSE(short_key.found);
+    EXPECT_FLOAT_EQ(short_key.position, 0.0f);
+}
+
+TEST(BplistReader, OtherObjectTypesAreSkipped) {
+    EXPECT_EQ(parse(load("dates")).content, kUrl);
+    EXPECT_EQ(parse(load("with_true")).content, kUrl);
+}
+
+TEST(BplistReader, Utf16LocationsAreNarrowedWhenAscii) {
+    EXPECT_EQ(parse(load("utf16_ascii")).content, "http://192.0.2.20/A.mp4");
+    EXPECT_FALSE(parse(load("utf16_other")).found);
+}
+
+// Each broken body gives null and 0.0, logs one diagnostic, and reads nothing outside.
+void expect_malformed(const Bytes& body, const std::string& diagnostic) {
+    Found f = parse(body);
+    EXPECT_FALSE(f.found) << diagnostic;
+    EXPECT_FLOAT_EQ(f.position, 0.0f) << diagnostic;
+    size_t at = f.log.find("malformed body (" + diagnostic + ")");
+    EXPECT_NE(at, std::string::npos) << f.log;
+    EXPECT_EQ(f.log.find("malformed body", at + 1), std::string::npos) << "logged twice";
+}
+
+TEST(BplistReader, MalformedHeadersAndTrailers) {
+    Bytes simple = load("simple");
+    Bytes magic = simple;
+    magic[7] = '1';
+    expect_malformed(magic, "strncmp(\"bplist00\", body, 8)==0");
+    expect_malformed(Bytes(simple.begin(), simple.begin() + 39), "body shorter than 40 bytes");
+    expect_malformed(Bytes(), "body shorter than 40 bytes");
+    for (int field : {6, 7}) {
+        for (char size : {0, 9, -1}) {
+            Bytes b = simple;
+            b[b.size() - 32 + field] = size;
+            expect_malformed(b, "objLen >=1 && objLen <=8");
+        }
+    }
+    Bytes table = simple;  // offset table beyond the body
+    table[table.size() - 1] = static_cast<char>(0xf0);
+    expect_malformed(table, "object outside the body");
+    Bytes top = simple;  // a top object that does not exist
+    top[top.size() - 9] = 100;
+    expect_malformed(top, "object outside the body");
+}
+
+TEST(BplistReader, MalformedObjects) {
+    expect_malformed(load("with_false"), "0");
+    expect_malformed(build({{static_cast<char>(0xd1), 1, 2}, ascii("Content-Location"), {0x0f}}, 0),
+                     "0");
+    expect_malformed(load("deep_too_far"), "nesting deeper than 32");
+    // A dictionary that contains itself, once and twice per level.
+    expect_malformed(build({{static_cast<char>(0xd1), 1, 0}, ascii("k")}, 0),
+                     "nesting deeper than 32");
+    Bytes twice = build({{static_cast<char>(0xd2), 1, 1, 0, 0}, ascii("k")}, 0);
+    Found f = parse(twice);
+    EXPECT_FALSE(f.found);
+    // An offset that points past the end, a count far larger than the body, a string
+    // longer than the body, an integer of 16 bytes, a count that is not an integer.
+    Bytes past = build({{static_cast<char>(0xd1), 1, 2}, ascii("Content-Location"), ascii("u")}, 0);
+    past[past.size() - 32 - 1] = static_cast<char>(0xff);
+    expect_malformed(past, "object outside the body");
+    expect_malformed(build({{static_cast<char>(0xdf), 0x12, 0x7f, -1, -1, -1}}, 0),
+                     "object outside the body");
+    expect_malformed(build({{static_cast<char>(0xd1), 1, 2},
+                            ascii("Content-Location"),
+                            {static_cast<char>(0x5f), 0x12, 0, 0, 0x10, 0, 'h'}},
+                           0),
+                     "object outside the body");
+    expect_malformed(
+        build({{static_cast<char>(0x14), 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}},
+              0),
+        "objLen >=1 && objLen <=8");
+    expect_malformed(build({{static_cast<char>(0x5f), 0x50, 'a'}}, 0), "count is not an integer");
+    Bytes counts(4000, static_cast<char>(0x1f));  // counts of counts must not recurse
+    counts[0] = static_cast<char>(0x5f);
+    expect_malformed(build({counts}, 0), "count is not an integer");
+}
+
+// Cheap fuzzing: every prefix and many single-byte changes of real bodies must come back
+// without a fault (the sanitizer build checks the reads).
+TEST(BplistReader, TruncatedAndMutatedBodiesStayInBounds) {
+    for (const char* name : {"simple", "nested", "many_pairs", "dates", "utf16_ascii"}) {
+        Bytes body = load(name);
+        for (size_t n = 0; n <= body.size(); ++n) parse(Bytes(body.begin(), body.begin() + n));
+        for (size_t i = 8; i < body.size(); ++i) {
+            for (int v : {0x00, 0x01, 0x0f, 0x1f, 0x5f, 0x6f, 0xd1, 0xdf, 0xff}) {
+                Bytes b = body;
+                b[i] = static_cast<char>(v);
+                parse(b);
+            }
+        }
+    }
+}
+
+}  // namespace
