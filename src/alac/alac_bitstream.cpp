@@ -1,0 +1,125 @@
+// Bit reader and adaptive Rice (Golomb) decoding of prediction residuals.
+#include <algorithm>
+#include <bit>
+
+#include "alac/alac.h"
+#include "alac/alac_internal.h"
+
+namespace {
+
+// The three bytes at the read position, first byte highest. Bytes past the end of the frame
+// read as zero: a damaged frame may ask for more bits than it holds.
+inline uint32_t peek24(const alac_decoder* d) {
+    const size_t pos = d->input_pos;
+    if (pos < d->input_size && d->input_size - pos >= 3) {
+        const uint8_t* p = d->input + pos;
+        return (uint32_t{p[0]} << 16) | (uint32_t{p[1]} << 8) | p[2];
+    }
+    uint32_t window = 0;
+    for (size_t k = 0; k < 3; ++k) {
+        window <<= 8;
+        if (pos + k < d->input_size) window |= d->input[pos + k];
+    }
+    return window;
+}
+
+inline void advance(alac_decoder* d, int n) {
+    const int offset = d->bit_offset + n;
+    d->input_pos += static_cast<size_t>(offset >> 3);
+    d->bit_offset = offset & 7;
+}
+
+}  // namespace
+
+uint32_t bit_reader_get(alac_decoder* d, int n) {
+    n = std::clamp(n, 0, 24);
+    if (n == 0) return 0;
+    const uint32_t value = ((peek24(d) << d->bit_offset) & 0xFFFFFFu) >> (24 - n);
+    advance(d, n);
+    return value;
+}
+
+uint32_t bit_reader_get_long(alac_decoder* d, int n) {
+    n = std::clamp(n, 0, 40);
+    if (n <= 16) return bit_reader_get(d, n);
+    const uint32_t high = bit_reader_get(d, 16) << (n - 16);
+    return high | bit_reader_get(d, n - 16);
+}
+
+int bit_reader_get_bit(alac_decoder* d) {
+    const uint32_t byte = d->input_pos < d->input_size ? d->input[d->input_pos] : 0;
+    const int bit = static_cast<int>((byte >> (7 - d->bit_offset)) & 1u);
+    advance(d, 1);
+    return bit;
+}
+
+void bit_reader_rewind(alac_decoder* d, int n) {
+    const int64_t bit_pos = static_cast<int64_t>(d->input_pos) * 8 + d->bit_offset - n;
+    const int64_t kept = std::max<int64_t>(bit_pos, 0);
+    d->input_pos = static_cast<size_t>(kept >> 3);
+    d->bit_offset = static_cast<int>(kept & 7);
+}
+
+int32_t rice_read_value(alac_decoder* d, int e, int k, uint32_t m) {
+    int x = 0;
+    while (x <= 8 && bit_reader_get_bit(d) == 1) ++x;
+    if (x > 8) {
+        // Escape: the value follows verbatim in e bits, with no terminating zero before it.
+        return static_cast<int32_t>(bit_reader_get_long(d, e) & alac_arith::low_mask(e));
+    }
+    if (k == 1) return x;
+    if (k < 0 || k > 32) k = 0;
+    const uint32_t extra = bit_reader_get_long(d, k);
+    const uint32_t scaled = static_cast<uint32_t>(x) * (alac_arith::low_mask(k) & m);
+    if (static_cast<int32_t>(extra) > 1) return static_cast<int32_t>(scaled + extra - 1);
+    // Extra values 0 and 1 are coded in k - 1 bits: the last bit read belongs to the next value.
+    bit_reader_rewind(d, 1);
+    return static_cast<int32_t>(scaled);
+}
+
+namespace {
+
+// Rice parameter of the next residual: floor(log2((history >> 9) + 3)), at most the limit.
+inline int residual_parameter(int32_t history, int limit) {
+    const uint32_t base = static_cast<uint32_t>((history >> 9) + 3);
+    const int t = 31 - limit - std::countl_zero(base);
+    return t < 0 ? t + limit : limit;
+}
+
+// Zero residual v = 0, 1, 2, 3, 4 ... maps to 0, -1, 1, -2, 2 ...
+inline int32_t unfold(int32_t v) {
+    const int32_t half = alac_arith::add(v, 1) / 2;
+    return (v & 1) ? -half : half;
+}
+
+}  // namespace
+
+void rice_decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_history,
+                       int limit, int history_mult, uint32_t run_mask) {
+    using namespace alac_arith;
+    int32_t history = initial_history;
+    int32_t sign_modifier = 0;
+    for (int i = 0; i < count; ++i) {
+        const int k = residual_parameter(history, limit);
+        const int32_t v = add(rice_read_value(d, e, k, 0xFFFFFFFFu), sign_modifier);
+        out[i] = unfold(v);
+        sign_modifier = 0;
+        history = sub(add(history, mul(v, history_mult)), mul(history, history_mult) >> 9);
+        if (v > 0xFFFF) history = 0xFFFF;
+
+        if (history < 128 && i + 1 < count) {
+            // Quiet passage: a count of zero residuals follows.
+            sign_modifier = 1;
+            const int run_k =
+                std::countl_zero(static_cast<uint32_t>(history)) + (history + 16) / 64 - 24;
+            const int32_t run = rice_read_value(d, 16, run_k, run_mask);
+            if (run > 0) {
+                const int fill = std::min(run, count - i - 1);
+                std::fill(out + i + 1, out + i + 1 + fill, 0);
+                i += fill;
+            }
+            if (run > 0xFFFF) sign_modifier = 0;
+            history = 0;
+        }
+    }
+}

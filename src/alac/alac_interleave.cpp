@@ -1,0 +1,55 @@
+// Stereo decorrelation undone and PCM written little-endian into the caller's buffer.
+#include <algorithm>
+
+#include "alac/alac.h"
+#include "alac/alac_internal.h"
+
+using alac_arith::put16;
+using alac_arith::put24;
+using alac_arith::widen;
+
+namespace {
+
+// Left and right of sample i. With a weight, a carries the weighted mid value and b the
+// difference left - right; without one they are left and right as they are.
+inline void unmix(int32_t a, int32_t b, int shift, int weight, int32_t* left, int32_t* right) {
+    using namespace alac_arith;
+    if (weight == 0) {
+        *left = a;
+        *right = b;
+        return;
+    }
+    *right = sub(a, mul(b, weight) >> std::clamp(shift, 0, 31));
+    *left = add(*right, b);
+}
+
+}  // namespace
+
+void stereo_interleave_16(const int32_t* a, const int32_t* b, uint8_t* out, int channels, int count,
+                          int shift, int weight) {
+    for (int i = 0; i < count; ++i) {
+        int32_t left;
+        int32_t right;
+        unmix(a[i], b[i], shift, weight, &left, &right);
+        uint8_t* slot = out + static_cast<size_t>(i) * channels * 2;
+        put16(slot, left);
+        put16(slot + 2, right);
+    }
+}
+
+void stereo_interleave_24(const int32_t* a, const int32_t* b, int low_bytes, const int32_t* low_a,
+                          const int32_t* low_b, uint8_t* out, int channels, int count, int shift,
+                          int weight) {
+    for (int i = 0; i < count; ++i) {
+        int32_t left;
+        int32_t right;
+        unmix(a[i], b[i], shift, weight, &left, &right);
+        uint8_t* slot = out + static_cast<size_t>(i) * channels * 3;
+        if (low_bytes != 0) {
+            left = widen(left, low_bytes, low_a[i]);
+            right = widen(right, low_bytes, low_b[i]);
+        }
+        put24(slot, left);
+        put24(slot + 3, right);
+    }
+}
