@@ -61,8 +61,11 @@ void bit_reader_rewind(alac_decoder* d, int n) {
 }
 
 int32_t rice_read_value(alac_decoder* d, int e, int k, uint32_t m) {
-    int x = 0;
-    while (x <= 8 && bit_reader_get_bit(d) == 1) ++x;
+    // The prefix is up to nine ones, then (unless there are nine) a terminating zero; the
+    // window holds at least 17 bits past the read position, so all nine are in it.
+    const uint32_t window = (peek24(d) << d->bit_offset) & 0xFFFFFFu;
+    const int x = std::min(std::countl_one(window << 8), 9);
+    advance(d, x > 8 ? 9 : x + 1);
     if (x > 8) {
         // Escape: the value follows verbatim in e bits, with no terminating zero before it.
         return static_cast<int32_t>(bit_reader_get_long(d, e) & alac_arith::low_mask(e));
