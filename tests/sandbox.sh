@@ -1,0 +1,111 @@
+#!/usr/bin/env bash
+# tests/sandbox.sh CMD [ARGS...]
+#
+# Runs CMD inside fresh Linux namespaces prepared like the box and exits with CMD's status:
+#   - its own network: lo up, "eth0" (MAC 02:5a:4f:52:00:01, 192.0.2.10/24) and its veth peer
+#     "sender0" (192.0.2.20/24), the address that senders and media servers in tests bind to;
+#   - its own /tmp (tmpfs) and /opt (tmpfs: nothing is ever created under the host's /opt);
+#   - /opt/zor/app/airplay/RAOPKey.rsa, a 2048-bit RSA key (PKCS#1 PEM) made for this run,
+#     with its public half in RAOPKey.pub;
+#   - a sysfs of the new network, so /sys/class/net/eth0/address shows eth0's MAC;
+#   - BusyBox's ifconfig first on PATH, which prints "inet addr:" as the box's does;
+#   - its own PID namespace: whatever CMD leaves running dies with it.
+# CMD sees ZOR_SANDBOX=1, ZOR_ETH0_MAC, ZOR_ETH0_IP, ZOR_SENDER_IP, ZOR_RSA_KEY, ZOR_RSA_PUBKEY.
+#
+# As root it uses the namespaces directly; otherwise it needs unprivileged user namespaces
+# (it then maps the caller to root inside). Every run is independent, so runs in parallel
+# (ctest -j) cannot collide. Nothing but CMD's own output goes to stdout, since gtest's test
+# discovery reads it.
+set -u
+
+readonly ETH0_MAC=02:5a:4f:52:00:01
+readonly ETH0_IP=192.0.2.10
+readonly SENDER_IP=192.0.2.20
+readonly KEY_DIR=/opt/zor/app/airplay
+readonly BIN_DIR=/opt/zor/sandbox/bin
+
+die() {
+    echo "sandbox.sh: $*" >&2
+    exit 125
+}
+
+# Everything below runs as PID 1 of the new namespaces; it prepares them, then runs CMD.
+inner() {
+    mount --make-rprivate / || die "cannot make the mounts private"
+    mount -t tmpfs -o mode=1777 tmpfs /tmp || die "cannot mount a tmpfs on /tmp"
+    [ -d /opt ] || die "/opt does not exist on this machine; the key directory lives under it"
+    mount -t tmpfs -o mode=755 tmpfs /opt || die "cannot mount a tmpfs on /opt"
+    mkdir -p "$KEY_DIR" "$BIN_DIR"
+
+    # Key generation is the slow part (a few hundred ms): overlap it with the rest.
+    openssl genrsa -traditional -out "$KEY_DIR/RAOPKey.rsa" 2048 >/dev/null 2>&1 &
+    local keygen=$!
+
+    ip link set lo up || die "cannot bring up lo"
+    ip link add eth0 address "$ETH0_MAC" type veth peer name sender0 ||
+        die "cannot create the eth0/sender0 veth pair"
+    ip addr add "$ETH0_IP/24" brd + dev eth0 &&
+        ip addr add "$SENDER_IP/24" brd + dev sender0 &&
+        ip link set eth0 up && ip link set sender0 up || die "cannot configure eth0/sender0"
+    mount -t sysfs sysfs /sys || die "cannot mount a sysfs for the new network"
+
+    local busybox
+    busybox=$(command -v busybox) || die "busybox is missing (apt-get install busybox)"
+    ln -s "$busybox" "$BIN_DIR/ifconfig"
+
+    wait "$keygen" || die "openssl genrsa failed"
+    openssl rsa -in "$KEY_DIR/RAOPKey.rsa" -pubout -out "$KEY_DIR/RAOPKey.pub" >/dev/null 2>&1 ||
+        die "cannot derive the public key"
+
+    export ZOR_SANDBOX=1 ZOR_ETH0_MAC="$ETH0_MAC" ZOR_ETH0_IP="$ETH0_IP"
+    export ZOR_SENDER_IP="$SENDER_IP" ZOR_RSA_KEY="$KEY_DIR/RAOPKey.rsa"
+    export ZOR_RSA_PUBKEY="$KEY_DIR/RAOPKey.pub" PATH="$BIN_DIR:$PATH"
+    unset ZOR_SANDBOX_STAGE
+
+    # CMD runs as a child, not exec'd: PID 1 ignores default-action signals, which a test
+    # program must not inherit; and this shell reaps whatever CMD orphans.
+    "$@" &
+    local cmd=$!
+    trap 'kill -TERM "$cmd" 2>/dev/null' TERM INT HUP
+    local status
+    while :; do
+        wait "$cmd"
+        status=$?
+        # A trapped signal interrupts wait with status > 128 while CMD still runs.
+        kill -0 "$cmd" 2>/dev/null || break
+    done
+    exit "$status"
+}
+
+outer() {
+    [ $# -ge 1 ] || die "usage: tests/sandbox.sh CMD [ARGS...]"
+    command -v unshare >/dev/null || die "unshare (util-linux) is missing"
+    command -v ip >/dev/null || die "ip (iproute2) is missing"
+    command -v openssl >/dev/null || die "openssl is missing"
+
+    local script
+    script=$(readlink -f "$0")
+    # --kill-child: if this process is killed (a test time-out), the namespace's PID 1 and so
+    # every process inside dies too.
+    local -a ns=(--net --mount --pid --fork --mount-proc --kill-child)
+    local -a tries=()
+    [ "$(id -u)" -eq 0 ] && tries+=("")
+    tries+=("--user --map-root-user")
+    local extra
+    for extra in "${tries[@]}"; do
+        # shellcheck disable=SC2086
+        if unshare $extra "${ns[@]}" true 2>/dev/null; then
+            # shellcheck disable=SC2086
+            ZOR_SANDBOX_STAGE=inner exec unshare $extra "${ns[@]}" -- bash "$script" "$@"
+        fi
+    done
+    die "cannot create network, mount and PID namespaces: run as root, or enable unprivileged" \
+        "user namespaces (sysctl kernel.unprivileged_userns_clone=1 /" \
+        "user.max_user_namespaces > 0)"
+}
+
+if [ "${ZOR_SANDBOX_STAGE:-}" = inner ]; then
+    inner "$@"
+else
+    outer "$@"
+fi
