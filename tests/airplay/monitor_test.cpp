@@ -1,0 +1,208 @@
+// The video monitor's state machine, run in-process one poll at a time against player_sim,
+// with one end of a socket pair as the sender's reverse connection.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "airplay/video/airplay_video.h"
+#include "airplay_test_util.h"
+#include "main/daemon.h"
+#include "support/box.h"
+
+namespace {
+
+class Monitor : public ::testing::Test {
+   protected:
+    void SetUp() override {
+        std::signal(SIGPIPE, SIG_IGN);
+        ASSERT_TRUE(box_.start_player());
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds_), 0);
+        daemon_init_session(&g_daemon.session);
+        airplay_video_init();
+        start_position = 0.0f;
+        video_started = 0;
+    }
+    void TearDown() override {
+        g_daemon.session.event_socket = 0;
+        close(fds_[0]);
+        close(fds_[1]);
+    }
+
+    // What a successful POST /play leaves behind.
+    void started(bool with_reverse = true) {
+        video_status.status = 0;
+        video_status.last_status = 0;
+        video_started = 1;
+        g_daemon.session.event_socket = with_reverse ? fds_[0] : 0;
+    }
+
+    // One pass of the main loop as far as video goes: the poll, then the video bit.
+    int poll() {
+        int status = airplay_video_monitor(&g_daemon.session);
+        if (status != 4)
+            g_daemon.session.activity_mask.fetch_or(kActivityVideo);
+        else
+            g_daemon.session.activity_mask.fetch_and(~kActivityVideo);
+        return status;
+    }
+
+    // The states of the events the sender has received since the last call.
+    std::vector<std::string> events() {
+        std::string data;
+        char buf[8192];
+        ssize_t n;
+        while ((n = recv(fds_[1], buf, sizeof(buf), MSG_DONTWAIT)) > 0) data.append(buf, n);
+        std::vector<std::string> out;
+        for (size_t at = data.find("POST /event"); at != std::string::npos;
+             at = data.find("POST /event", at + 1)) {
+            out.push_back(zt::plist_value(data.substr(at), "state"));
+        }
+        return out;
+    }
+
+    size_t queries() const {
+        size_t n = 0;
+        for (const auto& c : box_.commands()) n += c.name == "get_current_vod_info";
+        return n;
+    }
+
+    void force(const std::string& vod) { box_.sim("/sim/force?vod=" + vod); }
+    void refuse_next_query() { box_.sim("/sim/refuse?cmd=get_current_vod_info&count=1"); }
+
+    using Events = std::vector<std::string>;
+    zt::Box box_;
+    int fds_[2] = {-1, -1};
+};
+
+TEST_F(Monitor, NoVideoNoQuery) {
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(queries(), 0u);
+    EXPECT_EQ(events(), Events{});
+}
+
+TEST_F(Monitor, EventsFollowThePlayerInOrder) {
+    started();
+    force("buffering");
+    EXPECT_EQ(poll(), 2);
+    EXPECT_EQ(events(), Events{"loading"});
+    EXPECT_EQ(poll(), 2);  // no change, no event
+    EXPECT_EQ(events(), Events{});
+    force("play");
+    EXPECT_EQ(poll(), 1);
+    EXPECT_EQ(poll(), 1);
+    force("pause");
+    EXPECT_EQ(poll(), 3);
+    force("stop");
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(events(), (Events{"playing", "paused", "stopped"}));
+    EXPECT_EQ(g_daemon.session.activity_mask & kActivityVideo, 0u);
+
+    // The video stays followed after a stop: the next poll still asks the player.
+    size_t asked = queries();
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(queries(), asked + 1);
+    force("play");
+    EXPECT_EQ(poll(), 1);
+    EXPECT_EQ(events(), Events{"playing"});
+}
+
+TEST_F(Monitor, StopReportedRightAfterStartIsNotAnEvent) {
+    started();
+    force("stop");
+    size_t asked = queries();
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(g_daemon.session.activity_mask & kActivityVideo, 0u);
+    EXPECT_EQ(video_status.last_status, 0);
+    EXPECT_EQ(video_started, 1);
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(queries(), asked + 2);
+    EXPECT_EQ(events(), Events{});
+    force("play");
+    EXPECT_EQ(poll(), 1);
+    EXPECT_EQ(events(), Events{"playing"});
+}
+
+TEST_F(Monitor, WithoutReverseConnectionTheCurrentStateWaits) {
+    started(false);
+    force("buffering");
+    EXPECT_EQ(poll(), 2);
+    force("play");
+    EXPECT_EQ(poll(), 1);
+    EXPECT_EQ(video_status.last_status, 0);
+    EXPECT_EQ(events(), Events{});
+
+    g_daemon.session.event_socket = fds_[0];
+    EXPECT_EQ(poll(), 1);
+    EXPECT_EQ(poll(), 1);
+    EXPECT_EQ(events(), Events{"playing"});
+}
+
+TEST_F(Monitor, RefusedQueries) {
+    // Before the player has reported anything, a refusal changes nothing.
+    started();
+    refuse_next_query();
+    EXPECT_EQ(poll(), 0);
+    EXPECT_EQ(video_started, 1);
+
+    // While buffering: back to stopped without telling the sender, and still followed.
+    force("buffering");
+    EXPECT_EQ(poll(), 2);
+    refuse_next_query();
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(video_status.last_status, 4);
+    EXPECT_EQ(video_started, 1);
+    EXPECT_EQ(events(), Events{"loading"});
+
+    // While playing without a reverse connection: nothing changes.
+    force("play");
+    EXPECT_EQ(poll(), 1);
+    g_daemon.session.event_socket = 0;
+    refuse_next_query();
+    EXPECT_EQ(poll(), 1);
+    EXPECT_EQ(video_started, 1);
+
+    // While playing with one: "stopped", and the video is no longer followed.
+    g_daemon.session.event_socket = fds_[0];
+    refuse_next_query();
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(video_started, 0);
+    EXPECT_EQ(events(), (Events{"playing", "stopped"}));
+    size_t asked = queries();
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(queries(), asked);
+}
+
+TEST_F(Monitor, SilentPlayerLeavesTheStateAlone) {
+    started();
+    force("pause");
+    EXPECT_EQ(poll(), 3);
+    box_.sim("/sim/close?cmd=get_current_vod_info");
+    EXPECT_EQ(poll(), 3);
+    EXPECT_EQ(video_status.last_status, 3);
+    EXPECT_EQ(events(), Events{"paused"});
+}
+
+TEST_F(Monitor, StartPositionIsSoughtOnceTheMediaIsSeekable) {
+    started();
+    start_position = 0.05f;  // too small to bother
+    force("play");
+    EXPECT_EQ(poll(), 1);
+    EXPECT_FLOAT_EQ(start_position, 0.05f);
+
+    start_position = 0.3f;
+    EXPECT_EQ(poll(), 1);
+    EXPECT_FLOAT_EQ(start_position, 0.0f);
+    EXPECT_TRUE(box_.wait_command("set_time_seek_vod"));
+    for (const auto& c : box_.commands()) {
+        if (c.name == "set_time_seek_vod") {
+            EXPECT_NE(c.target.find("00:00:30"), std::string::npos);
+        }
+    }
+}
+
+}  // namespace
