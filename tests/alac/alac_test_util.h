@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "alac/alac.h"
+#include "support/support.h"
 
 // Builds a bit string most significant bit first; the last byte is padded with zeros.
 class bit_writer {
@@ -83,15 +84,9 @@ struct stream_vector {
     std::vector<int> fmtp;  // the twelve numbers of the SDP fmtp line
 };
 
-inline std::string alac_data_dir() {
-    const char* source = std::getenv("ZOR_SOURCE_DIR");
-    return std::string(source != nullptr ? source : ZOR_ALAC_SOURCE_DIR) + "/tests/data/alac/";
-}
+inline std::string alac_data_dir() { return zt::source_dir() + "/tests/data/alac/"; }
 
-inline std::string alac_build_dir() {
-    const char* build = std::getenv("ZOR_BUILD_DIR");
-    return build != nullptr ? build : ZOR_ALAC_BUILD_DIR;
-}
+inline std::string alac_build_dir() { return zt::build_dir(); }
 
 inline std::vector<uint8_t> read_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

@@ -39,8 +39,8 @@ int exit_status(int status) {
 
 }  // namespace
 
-std::string build_dir() { return env_or("ZOR_BUILD_DIR", "build"); }
-std::string source_dir() { return env_or("ZOR_SOURCE_DIR", "."); }
+std::string build_dir() { return env_or("ZOR_BUILD_DIR", ZOR_DEFAULT_BUILD_DIR); }
+std::string source_dir() { return env_or("ZOR_SOURCE_DIR", ZOR_DEFAULT_SOURCE_DIR); }
 
 bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
