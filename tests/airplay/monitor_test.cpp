@@ -182,7 +182,7 @@ TEST_F(Monitor, SilentPlayerLeavesTheStateAlone) {
 TEST_F(Monitor, StartPositionIsSoughtOnceTheMediaIsSeekable) {
     started();
     start_position = 0.05f;  // too small to bother
-    force("play");
+    box_.sim("/sim/force?vod=play&seek=true");
     EXPECT_EQ(poll(), 1);
     EXPECT_FLOAT_EQ(start_position, 0.05f);
 
