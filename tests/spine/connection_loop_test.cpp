@@ -1,6 +1,8 @@
 // The connection loops against many, stalled and hostile clients.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -49,18 +51,30 @@ TEST(ConnectionLoop, StalledClientIsCutOffAndOthersGoOn) {
 }
 
 TEST(ConnectionLoop, DescriptorsBeyondSelectsLimitAreRefused) {
-    // Let the daemon open more descriptors than select can watch.
+    // The daemon inherits descriptors 16 to 1023 (open, not close-on-exec), so the few
+    // connections after its own sockets get numbers that select cannot watch.
     rlimit lim{4096, 4096};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lim), 0);
+    int devnull = ::open("/dev/null", O_RDONLY);
+    ASSERT_GE(devnull, 0);
+    for (int fd = 16; fd < 1024; ++fd)
+        if (fd != devnull) {
+            ASSERT_EQ(::dup2(devnull, fd), fd);
+        }
     zt::Box box;
-    ASSERT_TRUE(box.start_daemon());
+    bool started = box.start_daemon();
+    for (int fd = 16; fd < 1024; ++fd) ::close(fd);
+    ::close(devnull);
+    ASSERT_TRUE(started);
+
     std::vector<zt::Client> crowd;
-    for (int i = 0; i < 1040; ++i) {
+    for (int i = 0; i < 20; ++i) {
         crowd.push_back(zt::Client::connect("127.0.0.1", 7000));
         ASSERT_TRUE(crowd.back().ok()) << i;
     }
-    EXPECT_TRUE(box.wait_log("descriptor beyond select's limit", std::chrono::seconds(30)));
-    EXPECT_EQ(zt::status_code(ask(crowd.front())), 501);
+    EXPECT_TRUE(box.wait_log("descriptor beyond select's limit")) << box.daemon_log();
+    EXPECT_TRUE(crowd.back().closed_by_peer());          // refused at once
+    EXPECT_EQ(zt::status_code(ask(crowd.front())), 501);  // the others are still served
     crowd.clear();
     // Once the crowd's connections are closed, a newcomer is served again.
     EXPECT_TRUE(zt::wait_until(
