@@ -233,6 +233,12 @@ TEST(PlayerSim, VideoBuffersUntilMediaArrivesThenPlaysByTheClock) {
     EXPECT_TRUE(zt::wait_until([] { return vod_status() == "stop"; }, 15s));
 }
 
+// A fresh PCM FIFO where the daemon would create it.
+bool make_fifo() {
+    ::unlink("/tmp/airtunes");
+    return ::mkfifo("/tmp/airtunes", 0666) == 0;
+}
+
 // Writes all of data into fd (a FIFO), false on an error.
 bool write_fd(int fd, const std::string& data) {
     size_t done = 0;
@@ -253,7 +259,7 @@ uint32_t le32(const std::string& s, size_t at) {
 TEST(PlayerSim, AudioIsReadFromTheFifoIntoAWavFile) {
     zt::Box box;
     ASSERT_TRUE(box.start_player());
-    ASSERT_EQ(::mkfifo("/tmp/airtunes", 0666), 0);
+    ASSERT_TRUE(make_fifo());
     EXPECT_EQ(return_value("/playback?arg0=start_aod&arg1=AirPlayMusic&arg2=airtunes://"
                            "AirPlayMusic.airtunes&arg3=marquee&arg4=disable"),
               "0");
@@ -333,7 +339,7 @@ TEST(PlayerSim, SigtermEndsItWhileAReaderAndALateAnswerWait) {
         {zt::build_dir() + "/player_sim", "--out", kOut, "--delay", "get_current_vod_info=60000"},
         "/tmp/player_sim.log"));
     ASSERT_TRUE(zt::wait_until([] { return zt::Client::connect("127.0.0.1", 8008, {}).ok(); }));
-    ASSERT_EQ(::mkfifo("/tmp/airtunes", 0666), 0);
+    ASSERT_TRUE(make_fifo());
     EXPECT_EQ(return_value("/playback?arg0=start_aod"), "0");
     zt::Client late = zt::Client::connect("127.0.0.1", 8008);
     ASSERT_TRUE(late.send("GET /playback?arg0=get_current_vod_info HTTP/1.1\r\n\r\n"));
