@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
-#include <regex>
 #include <string>
 
 #include "airplay_test_util.h"
@@ -180,11 +179,10 @@ TEST_F(Session, PropertyLogs) {
     time_t after = time(nullptr);
 
     // The date is the current UTC time.
-    std::smatch m;
-    std::string body = zt::body_of(access);
-    ASSERT_TRUE(std::regex_search(body, m, std::regex("<date>([0-9T:-]+)Z</date>")));
+    std::string date = zt::plist_value(zt::body_of(access), "date");
     tm utc{};
-    ASSERT_TRUE(strptime(m[1].str().c_str(), "%Y-%m-%dT%H:%M:%S", &utc));
+    const char* rest = strptime(date.c_str(), "%Y-%m-%dT%H:%M:%S", &utc);
+    ASSERT_TRUE(rest != nullptr && std::string(rest) == "Z") << date;
     time_t logged = timegm(&utc);
     EXPECT_GE(logged, before);
     EXPECT_LE(logged, after);
@@ -200,7 +198,7 @@ TEST_F(Session, PropertyLogs) {
         "<key>c-start-time</key> <real>0.0</real>\r\n"
         "<key>c-startup-time</key> <real>0.27732497453689575</real>\r\n"
         "<key>cs-guid</key> <string>" + kNoSession + "</string>\r\n"
-        "<key>date</key> <date>" + m[1].str() + "Z</date>\r\n"
+        "<key>date</key> <date>" + date + "</date>\r\n"
         "<key>s-ip</key> <string>192.168.0.90</string>\r\n"
         "<key>s-ip-changes</key> <integer>0</integer>\r\n<key>sc-count</key> <integer>7</integer>\r\n"
         "<key>uri</key> <string></string>\r\n</dict>\r\n</array>\r\n</dict>\r\n</plist>\r\n";
