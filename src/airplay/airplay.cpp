@@ -32,8 +32,7 @@ struct request_view {
 void log_dropped_response(const char* text) {
     log_tagged(zor_log::kGreen, "%s", kLine60);
     log_tagged(zor_log::kGreen, "%s", text);
-    log_tagged(zor_log::kGreen,
-               "received common HTTP response, zor_airplay does not process it");
+    log_tagged(zor_log::kGreen, "received common HTTP response, zor_airplay does not process it");
     log_tagged(zor_log::kGreen, "%s", kLine60);
 }
 
@@ -45,7 +44,9 @@ void log_received(const char* text) {
     log_tagged(zor_log::kGreen, "%s", kLine80);
 }
 
-int status_of(int handler_result) { return handler_result == -1 ? -1 : 200; }
+int status_of(int handler_result) {
+    return handler_result == -1 ? -1 : 200;
+}
 
 int handle_stop(media_session* session, net_exchange* x) {
     session->session_id[0] = '\0';

@@ -21,9 +21,9 @@ constexpr size_t kSessionIdLength = 36;
 constexpr const char kNoSession[] = "00000000-0000-0000-0000-000000000000";
 constexpr const char kLogFence[] = "[][][][][][][][][][][][][][][][][][][][][][]";
 
-#define PLIST_HEAD                                 \
-    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n" \
-    PLIST_DOCTYPE "\r\n"                           \
+#define PLIST_HEAD                                                 \
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n" PLIST_DOCTYPE \
+    "\r\n"                                                         \
     "<plist version=\"1.0\">\r\n"
 
 void set_head(net_exchange* x, const char* line) {
@@ -158,9 +158,8 @@ void build_access_log(const media_session* session, net_exchange* x) {
                   "</array>\r\n"
                   "</dict>\r\n"
                   "</plist>\r\n",
-                  bytes, downloaded, static_cast<double>(position), guid,
-                  utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min,
-                  utc.tm_sec, "");
+                  bytes, downloaded, static_cast<double>(position), guid, utc.tm_year + 1900,
+                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, "");
     log_property_body(x->reply.body);
 }
 

@@ -6,7 +6,7 @@
 #include "tools/utils/request.h"
 
 // The standard XML property-list document type line (without its line end).
-#define PLIST_DOCTYPE                                          \
+#define PLIST_DOCTYPE                                         \
     "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" " \
     "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">"
 

@@ -148,8 +148,8 @@ TEST_F(DispatchValues, PlaybackInfoScrubAndAccessLogFollowTheVideo) {
     EXPECT_EQ(zt::body_of(dispatch(fds_, "GET /scrub HTTP/1.1\r\n\r\n")),
               "duration: 120.000000\r\nposition: 30.000000\r\n");
 
-    std::string log = zt::body_of(
-        dispatch(fds_, "POST /getProperty?playbackAccessLog HTTP/1.1\r\n\r\n"));
+    std::string log =
+        zt::body_of(dispatch(fds_, "POST /getProperty?playbackAccessLog HTTP/1.1\r\n\r\n"));
     EXPECT_EQ(zt::plist_value(log, "bytes"), "15360");
     EXPECT_EQ(zt::plist_value(log, "c-duration-downloaded"), "35");
     EXPECT_EQ(zt::plist_value(log, "c-duration-watched"), "30.000000");

@@ -31,7 +31,8 @@ std::string server_info(const std::string& session_header = "") {
            "User-Agent: AirPlay/320.20\r\nContent-Length: 0\r\n\r\n";
 }
 
-const char kAccessLog[] = "POST /getProperty?playbackAccessLog HTTP/1.1\r\nContent-Length: 0\r\n\r\n";
+const char kAccessLog[] =
+    "POST /getProperty?playbackAccessLog HTTP/1.1\r\nContent-Length: 0\r\n\r\n";
 
 class Session : public ::testing::Test {
    protected:
@@ -54,8 +55,7 @@ class Session : public ::testing::Test {
 TEST_F(Session, ServerInfoDescribesTheBoxAndTakesTheSessionId) {
     Client c = connect();
     std::string reply = ask(c, server_info("X-Apple-Session-ID: " + kSessionId + "\r\n"));
-    const std::string body = kPlistHead +
-                             "<dict>\r\n<key>deviceid</key>\r\n<string>" + kMac +
+    const std::string body = kPlistHead + "<dict>\r\n<key>deviceid</key>\r\n<string>" + kMac +
                              "</string>\r\n<key>features</key>\r\n<integer>119</integer>\r\n"
                              "<key>model</key>\r\n<string>AppleTV2,1</string>\r\n"
                              "<key>protovers</key>\r\n<string>1.0</string>\r\n"
@@ -91,9 +91,10 @@ TEST_F(Session, SessionIdIsAlwaysThe36CharactersAfterTheName) {
 
 TEST_F(Session, ReverseConnectionUpgradesAndIgnoresTheSendersReplies) {
     Client reverse = connect();
-    std::string reply = ask(reverse, "POST /reverse HTTP/1.1\r\nUpgrade: PTTH/1.0\r\n"
-                                     "Connection: Upgrade\r\nX-Apple-Purpose: event\r\n"
-                                     "Content-Length: 0\r\n\r\n");
+    std::string reply = ask(reverse,
+                            "POST /reverse HTTP/1.1\r\nUpgrade: PTTH/1.0\r\n"
+                            "Connection: Upgrade\r\nX-Apple-Purpose: event\r\n"
+                            "Content-Length: 0\r\n\r\n");
     EXPECT_EQ(without_date(reply),
               "HTTP/1.1 101 Switching Protocols\r\nDate: <date>\r\nContent-Length: 0\r\n"
               "Upgrade: PTTH/1.0\r\nConnection: Upgrade\r\n\r\n");
@@ -131,8 +132,8 @@ TEST_F(Session, PlayIsStartedOncePerSessionAndStopEndsTheSession) {
     Client c = connect();
     EXPECT_EQ(without_date(ask(c, play)),
               "HTTP/1.1 200 OK\r\nDate: <date>\r\nContent-Length: 0\r\n\r\n");
-    EXPECT_TRUE(box_.wait_log("-------------------------------------------------\n" +
-                              repeat_line + "\n-------------------------------------------------\n"));
+    EXPECT_TRUE(box_.wait_log("-------------------------------------------------\n" + repeat_line +
+                              "\n-------------------------------------------------\n"));
 
     // POST /stop with nothing shown: 200, and the session is forgotten.
     ask(c, server_info("X-Apple-Session-ID: " + kSessionId + "\r\n"));
@@ -165,9 +166,9 @@ TEST_F(Session, FixedRepliesWhileNothingPlays) {
     // The one request that is not logged: senders poll it every second.
     EXPECT_EQ(log_count("AIRPLAY RECEIVED"), received);
 
-    EXPECT_EQ(without_date(ask(c, "GET /scrub HTTP/1.1\r\n\r\n")),
-              framed("Content-Type: text/parameters",
-                     "duration: 0.000000\r\nposition: 0.000000\r\n"));
+    EXPECT_EQ(
+        without_date(ask(c, "GET /scrub HTTP/1.1\r\n\r\n")),
+        framed("Content-Type: text/parameters", "duration: 0.000000\r\nposition: 0.000000\r\n"));
     EXPECT_EQ(log_count("AIRPLAY RECEIVED"), received + 1);
 }
 
@@ -197,10 +198,15 @@ TEST_F(Session, PropertyLogs) {
         "<key>c-overdue</key> <integer>0</integer>\r\n<key>c-stalls</key> <integer>0</integer>\r\n"
         "<key>c-start-time</key> <real>0.0</real>\r\n"
         "<key>c-startup-time</key> <real>0.27732497453689575</real>\r\n"
-        "<key>cs-guid</key> <string>" + kNoSession + "</string>\r\n"
-        "<key>date</key> <date>" + date + "</date>\r\n"
+        "<key>cs-guid</key> <string>" +
+        kNoSession +
+        "</string>\r\n"
+        "<key>date</key> <date>" +
+        date +
+        "</date>\r\n"
         "<key>s-ip</key> <string>192.168.0.90</string>\r\n"
-        "<key>s-ip-changes</key> <integer>0</integer>\r\n<key>sc-count</key> <integer>7</integer>\r\n"
+        "<key>s-ip-changes</key> <integer>0</integer>\r\n<key>sc-count</key> "
+        "<integer>7</integer>\r\n"
         "<key>uri</key> <string></string>\r\n</dict>\r\n</array>\r\n</dict>\r\n</plist>\r\n";
     EXPECT_EQ(without_date(access), framed(binary, access_body));
     EXPECT_TRUE(box_.wait_log(kFence + "\n" + access_body + kFence + "\n"));

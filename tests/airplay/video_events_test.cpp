@@ -22,9 +22,10 @@ class Video : public ::testing::Test {
     void SetUp() override {
         ASSERT_TRUE(box_.start({"--duration", "120"}));
         control_ = connect();
-        ASSERT_EQ(zt::status_code(ask(control_, "GET /server-info HTTP/1.1\r\nX-Apple-Session-ID: " +
-                                                    kSessionId + "\r\n\r\n")),
-                  200);
+        ASSERT_EQ(
+            zt::status_code(ask(control_, "GET /server-info HTTP/1.1\r\nX-Apple-Session-ID: " +
+                                              kSessionId + "\r\n\r\n")),
+            200);
     }
 
     static Client connect() { return Client::connect("127.0.0.1", 7000); }
@@ -46,8 +47,9 @@ class Video : public ::testing::Test {
 
     Client open_reverse(int* daemon_fd = nullptr) {
         Client r = connect();
-        std::string reply = ask(r, "POST /reverse HTTP/1.1\r\nUpgrade: PTTH/1.0\r\n"
-                                   "Connection: Upgrade\r\nX-Apple-Purpose: event\r\n\r\n");
+        std::string reply = ask(r,
+                                "POST /reverse HTTP/1.1\r\nUpgrade: PTTH/1.0\r\n"
+                                "Connection: Upgrade\r\nX-Apple-Purpose: event\r\n\r\n");
         EXPECT_EQ(zt::status_code(reply), 101);
         if (daemon_fd) *daemon_fd = last_accepted();
         return r;
@@ -56,17 +58,17 @@ class Video : public ::testing::Test {
     void play() {
         const std::string body =
             "Content-Location: http://192.0.2.20:7001/movie.mp4\nStart-Position: 0.0\n";
-        std::string reply = ask(control_, "POST /play HTTP/1.1\r\nContent-Type: text/parameters\r\n"
-                                          "Content-Length: " + std::to_string(body.size()) +
-                                          "\r\nX-Apple-Session-ID: " + kSessionId + "\r\n\r\n" + body);
+        std::string reply = ask(control_,
+                                "POST /play HTTP/1.1\r\nContent-Type: text/parameters\r\n"
+                                "Content-Length: " +
+                                    std::to_string(body.size()) +
+                                    "\r\nX-Apple-Session-ID: " + kSessionId + "\r\n\r\n" + body);
         ASSERT_EQ(zt::status_code(reply), 200) << reply;
         ASSERT_TRUE(box_.wait_command("start_vod"));
     }
 
     // The next event on the reverse connection (its whole text); "" when none came.
-    static std::string next_event(Client& r) {
-        return r.recv_message(std::chrono::seconds(10));
-    }
+    static std::string next_event(Client& r) { return r.recv_message(std::chrono::seconds(10)); }
     static std::string state_of(const std::string& event) {
         return zt::plist_value(zt::body_of(event), "state");
     }
@@ -79,7 +81,8 @@ class Video : public ::testing::Test {
     // Waits until the monitor has asked the player `polls` more times: by then it has
     // seen whatever player_sim was told before this call.
     void let_monitor_poll(size_t polls = 3) {
-        ASSERT_TRUE(box_.wait_command("get_current_vod_info", count("get_current_vod_info") + polls));
+        ASSERT_TRUE(
+            box_.wait_command("get_current_vod_info", count("get_current_vod_info") + polls));
     }
 
     void force(const std::string& vod) { box_.sim("/sim/force?vod=" + vod); }
@@ -98,10 +101,11 @@ TEST_F(Video, EventsFollowThePlayerInOrder) {
         "\r\n<plist version=\"1.0\">\r\n<dict>\r\n<key>category</key>\r\n<string>video</string>\r\n"
         "<key>sessionID</key>\r\n<integer>1</integer>\r\n<key>state</key>\r\n"
         "<string>loading</string>\r\n</dict>\r\n</plist>\r\n\r\n";
-    EXPECT_EQ(event, "POST /event HTTP/1.1\r\nContent-Type: application/x-apple-plist\r\n"
-                     "Content-Length: " + std::to_string(body.size()) +
-                     "\r\nX-Apple-Session-ID: 00000000-0000-0000-0000-000000000000\r\n\r\n" +
-                     body);
+    EXPECT_EQ(event,
+              "POST /event HTTP/1.1\r\nContent-Type: application/x-apple-plist\r\n"
+              "Content-Length: " +
+                  std::to_string(body.size()) +
+                  "\r\nX-Apple-Session-ID: 00000000-0000-0000-0000-000000000000\r\n\r\n" + body);
     // A sender answers each event; the daemon takes the answer and says nothing.
     ASSERT_TRUE(reverse.send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
 

@@ -23,23 +23,22 @@ const char* event_category() {
 int send_playback_event_xml(int sock, const char* state) {
     char body[kTextSize] = {};
     char request[kTextSize] = {};
-    int body_len = std::snprintf(
-        body, sizeof(body),
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n"
-        "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-        "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\r\n"
-        "<plist version=\"1.0\">\r\n"
-        "<dict>\r\n"
-        "<key>category</key>\r\n"
-        "<string>%s</string>\r\n"
-        "<key>sessionID</key>\r\n"
-        "<integer>1</integer>\r\n"
-        "<key>state</key>\r\n"
-        "<string>%.64s</string>\r\n"
-        "</dict>\r\n"
-        "</plist>\r\n"
-        "\r\n",
-        event_category(), state);
+    int body_len = std::snprintf(body, sizeof(body),
+                                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n"
+                                 "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+                                 "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\r\n"
+                                 "<plist version=\"1.0\">\r\n"
+                                 "<dict>\r\n"
+                                 "<key>category</key>\r\n"
+                                 "<string>%s</string>\r\n"
+                                 "<key>sessionID</key>\r\n"
+                                 "<integer>1</integer>\r\n"
+                                 "<key>state</key>\r\n"
+                                 "<string>%.64s</string>\r\n"
+                                 "</dict>\r\n"
+                                 "</plist>\r\n"
+                                 "\r\n",
+                                 event_category(), state);
     int length = std::snprintf(request, sizeof(request),
                                "POST /event HTTP/1.1\r\n"
                                "Content-Type: application/x-apple-plist\r\n"

@@ -25,10 +25,14 @@ net_exchange start_seek_exchange;
 
 const char* state_text(int status) {
     switch (status) {
-        case kBuffering: return "loading";
-        case kPlaying: return "playing";
-        case kPaused: return "paused";
-        default: return "stopped";
+        case kBuffering:
+            return "loading";
+        case kPlaying:
+            return "playing";
+        case kPaused:
+            return "paused";
+        default:
+            return "stopped";
     }
 }
 
@@ -69,7 +73,9 @@ int parsed_status(std::string_view text) {
     return kStopped;
 }
 
-bool has_event_socket(const media_session* session) { return session->event_socket.load() != 0; }
+bool has_event_socket(const media_session* session) {
+    return session->event_socket.load() != 0;
+}
 
 // A successful query: report a change of state, unless the player still shows the stop
 // from before the start.
