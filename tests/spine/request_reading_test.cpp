@@ -10,36 +10,19 @@
 #include <thread>
 #include <vector>
 
+#include "support/support.h"
 #include "tools/utils/request.h"
 
 namespace {
 
-// A connected pair: the test writes on `peer`, the code under test reads `sock`.
-struct Pair {
-    int sock = -1, peer = -1;
-    Pair() {
-        int fds[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-        sock = fds[0];
-        peer = fds[1];
-    }
-    ~Pair() {
-        if (sock >= 0) close(sock);
-        if (peer >= 0) close(peer);
-    }
-    void send(const std::string& s) { ASSERT_EQ(write(peer, s.data(), s.size()), (ssize_t)s.size()); }
-    void close_peer() {
-        close(peer);
-        peer = -1;
-    }
-};
+using Pair = zt::SocketPair;
 
 // Writes the pieces with a pause between them, so each arrives as its own read.
 std::thread send_in_pieces(Pair& p, std::vector<std::string> pieces) {
     return std::thread([&p, pieces] {
         for (const auto& piece : pieces) {
             std::this_thread::sleep_for(std::chrono::milliseconds(30));
-            p.send(piece);
+            EXPECT_TRUE(p.send(piece));
         }
     });
 }
@@ -75,7 +58,7 @@ TEST(ReadRequest, KeepsBodyBytesThatArriveWithTheHeader) {
     net_message_clear(msg.get());
     std::string head = "POST /play HTTP/1.1\r\nContent-Length: 250\r\n\r\n";
     std::string body(100, 'b');
-    p.send(head + body);
+    ASSERT_TRUE(p.send(head + body));
     int n = read_request(p.sock, msg.get());
     EXPECT_EQ(n, (int)(head.size() + 100));
     EXPECT_EQ(msg->header_len, (int)head.size());
@@ -99,7 +82,7 @@ TEST(ReadRequest, ContentLengthIsMatchedExactly) {
         Pair p;
         auto msg = std::make_unique<net_message>();
         net_message_clear(msg.get());
-        p.send(std::string("POST /x HTTP/1.1\r\n") + c.header + "\r\n\r\n");
+        ASSERT_TRUE(p.send(std::string("POST /x HTTP/1.1\r\n") + c.header + "\r\n\r\n"));
         ASSERT_GT(read_request(p.sock, msg.get()), 0);
         EXPECT_EQ(msg->content_length, c.expected) << c.header;
     }
@@ -138,7 +121,7 @@ TEST(ReadRequest, PeerThatClosesMidHeaderStillYieldsTheRequestLine) {
     Pair p;
     auto msg = std::make_unique<net_message>();
     net_message_clear(msg.get());
-    p.send("GET /playback-info HTTP/1.1\r\nHo");
+    ASSERT_TRUE(p.send("GET /playback-info HTTP/1.1\r\nHo"));
     p.close_peer();
     int n = read_request(p.sock, msg.get());
     EXPECT_EQ(n, 31);
@@ -151,7 +134,7 @@ TEST(ReadRequest, PipelinedSecondRequestLandsInTheFirstOnesBody) {
     auto msg = std::make_unique<net_message>();
     net_message_clear(msg.get());
     std::string second = "GET /playback-info HTTP/1.1\r\n\r\n";
-    p.send(kGet + second);
+    ASSERT_TRUE(p.send(kGet + second));
     int n = read_request(p.sock, msg.get());
     EXPECT_EQ(n, (int)(kGet.size() + second.size()));
     EXPECT_EQ(msg->header_len, (int)kGet.size());

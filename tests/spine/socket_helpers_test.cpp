@@ -7,23 +7,12 @@
 #include <functional>
 #include <string>
 
+#include "support/support.h"
 #include "tools/utils/net.h"
 
 namespace {
 
-struct Pair {
-    int sock = -1, peer = -1;
-    Pair() {
-        int fds[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-        sock = fds[0];
-        peer = fds[1];
-    }
-    ~Pair() {
-        if (sock >= 0) close(sock);
-        if (peer >= 0) close(peer);
-    }
-};
+using Pair = zt::SocketPair;
 
 std::string capture(const std::function<void()>& fn) {
     testing::internal::CaptureStdout();
@@ -38,8 +27,7 @@ TEST(SocketRead, ReturnsWhatArrivedBeforeTheClose) {
     Pair p;
     std::string sent(100, 'x');
     ASSERT_EQ(write(p.peer, sent.data(), sent.size()), 100);
-    close(p.peer);
-    p.peer = -1;
+    p.close_peer();
     std::string buf(5120, '\0');
     int n = 0;
     std::string log = capture([&] { n = socket_read(p.sock, buf.data(), 5119); });
@@ -61,8 +49,7 @@ TEST(SocketRead, CompleteReadEndsThroughTheNothingLeftLine) {
 
 TEST(SocketRead, ClosedPeerErrorAndNullBuffer) {
     Pair p;
-    close(p.peer);
-    p.peer = -1;
+    p.close_peer();
     char buf[16];
     EXPECT_EQ(socket_read(p.sock, buf, sizeof(buf)), 0);
     EXPECT_EQ(socket_read(p.sock, nullptr, 16), 0);
@@ -85,8 +72,7 @@ TEST(SocketWrite, ZeroBytesNullBufferAndClosedPeer) {
     EXPECT_EQ(n, 5);
     EXPECT_NE(log.find("write to sockfd done(size:5)"), std::string::npos);
 
-    close(p.peer);
-    p.peer = -1;
+    p.close_peer();
     log = capture([&] { n = socket_write(p.sock, "hello", 5); });
     EXPECT_EQ(n, 0);
     EXPECT_NE(log.find("write to sockfd failed(-1)"), std::string::npos);

@@ -221,6 +221,28 @@ bool Client::closed_by_peer(std::chrono::milliseconds timeout) {
     }
 }
 
+SocketPair::SocketPair() {
+    int fds[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0) {
+        sock = fds[0];
+        peer = fds[1];
+    }
+}
+
+SocketPair::~SocketPair() {
+    if (sock >= 0) ::close(sock);
+    close_peer();
+}
+
+bool SocketPair::send(const std::string& bytes) {
+    return ::write(peer, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+}
+
+void SocketPair::close_peer() {
+    if (peer >= 0) ::close(peer);
+    peer = -1;
+}
+
 int listen_on(const std::string& host, int port, int* bound_port) {
     int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     int one = 1;

@@ -80,6 +80,19 @@ class Client {
     std::string pending_;  // bytes read past the last message
 };
 
+// A connected pair of local stream sockets: the code under test uses `sock`, the test plays
+// the peer on `peer`. Both are closed with the pair.
+struct SocketPair {
+    int sock = -1, peer = -1;
+    SocketPair();
+    ~SocketPair();
+    SocketPair(const SocketPair&) = delete;
+    SocketPair& operator=(const SocketPair&) = delete;
+    // Writes all of bytes on the peer's side; false on failure.
+    bool send(const std::string& bytes);
+    void close_peer();
+};
+
 // A listening socket on host:port (port 0: any). Returns the descriptor or -1.
 int listen_on(const std::string& host, int port, int* bound_port = nullptr);
 
