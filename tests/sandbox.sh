@@ -29,13 +29,35 @@ die() {
     exit 125
 }
 
+# Covers /tmp with an empty tmpfs. A checkout, build or CMD that lives under the host's
+# /tmp (a CI clone, say) stays visible at its own path: it is bound back in.
+fresh_tmp() {
+    local hold=/opt/zor/sandbox/host-tmp
+    local -a keep=()
+    local p
+    for p in "$(dirname "$(readlink -f "$0")")/.." "$PWD" "$(dirname "$(command -v "$1" || echo /)")"; do
+        p=$(readlink -f "$p") || continue
+        case "$p" in /tmp/?*) keep+=("$p") ;; esac
+    done
+    if [ ${#keep[@]} -gt 0 ]; then
+        mkdir -p "$hold" && mount --rbind /tmp "$hold" || die "cannot hold the host's /tmp"
+    fi
+    mount -t tmpfs -o mode=1777 tmpfs /tmp || die "cannot mount a tmpfs on /tmp"
+    for p in "${keep[@]}"; do
+        mkdir -p "$p" && mount --rbind "$hold${p#/tmp}" "$p" || die "cannot keep $p visible"
+    done
+    if [ ${#keep[@]} -gt 0 ]; then
+        umount -l "$hold" && rmdir "$hold" || die "cannot release the host's /tmp"
+    fi
+}
+
 # Everything below runs as PID 1 of the new namespaces; it prepares them, then runs CMD.
 inner() {
     mount --make-rprivate / || die "cannot make the mounts private"
-    mount -t tmpfs -o mode=1777 tmpfs /tmp || die "cannot mount a tmpfs on /tmp"
     [ -d /opt ] || die "/opt does not exist on this machine; the key directory lives under it"
     mount -t tmpfs -o mode=755 tmpfs /opt || die "cannot mount a tmpfs on /opt"
     mkdir -p "$KEY_DIR" "$BIN_DIR"
+    fresh_tmp "$@"
 
     # Key generation is the slow part (a few hundred ms): overlap it with the rest.
     openssl genrsa -traditional -out "$KEY_DIR/RAOPKey.rsa" 2048 >/dev/null 2>&1 &
