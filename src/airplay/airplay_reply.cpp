@@ -1,6 +1,6 @@
-#include <ctime>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include "airplay/airplay.h"
 #include "tools/utils/net.h"
@@ -34,8 +34,9 @@ int airplay_send_reply(int sock, int status, const net_message* reply) {
                           "HTTP/1.1 %d %s\r\nDate: %s\r\n%s\r\nContent-Length: %d\r\n\r\n", status,
                           reason, date, head, body_len);
     } else {
-        n = std::snprintf(text, sizeof(text), "HTTP/1.1 %d %s\r\nDate: %s\r\nContent-Length: %d\r\n\r\n",
-                          status, reason, date, body_len);
+        n = std::snprintf(text, sizeof(text),
+                          "HTTP/1.1 %d %s\r\nDate: %s\r\nContent-Length: %d\r\n\r\n", status,
+                          reason, date, body_len);
     }
     if (n < 0 || n >= static_cast<int>(sizeof(text))) return 0;
     if (body_len > 0) {

@@ -26,4 +26,6 @@ int airtunes_dispatch(media_session*, int sock) {
     return status;
 }
 
-int airtunes_key_stop(media_session*, int) { return 0; }
+int airtunes_key_stop(media_session*, int) {
+    return 0;
+}

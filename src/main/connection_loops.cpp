@@ -117,7 +117,9 @@ bool airtunes_serve(int sock) {
 
 // --- port 4000 ---
 
-bool proxy_serve(int sock) { return proxy_handle_request(sock) < 0; }
+bool proxy_serve(int sock) {
+    return proxy_handle_request(sock) < 0;
+}
 
 }  // namespace
 
@@ -133,9 +135,7 @@ void* airplay_thread(void*) {
         .on_accepted =
             [](int sock) { log_tagged(zor_log::kGreen, "airplay_thread new socket %d\n", sock); },
         .before_close =
-            [](int sock) {
-                log_tagged(zor_log::kGreen, "airplay_thread close socket %d\n", sock);
-            },
+            [](int sock) { log_tagged(zor_log::kGreen, "airplay_thread close socket %d\n", sock); },
         .on_close_fail =
             [](int sock) { log_tagged(zor_log::kRed, "airplay_thread close fail(%d)\n", sock); },
     };
@@ -170,7 +170,9 @@ void* airplay_video_proxy_server(void*) {
         .on_accepted = nothing,
         .before_close = [](int sock) { log_plain("close socket: %d\n", sock); },
         .on_close_fail =
-            [](int sock) { LOG_ERROR_AT_FN("airplay_video_proxy_server", "close fail(%d)\n", sock); },
+            [](int sock) {
+                LOG_ERROR_AT_FN("airplay_video_proxy_server", "close fail(%d)\n", sock);
+            },
     };
     run_loop(cfg);
     return nullptr;

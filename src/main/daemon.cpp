@@ -40,7 +40,9 @@ constexpr const char kAudioPipe[] = "/tmp/airtunes";
 constexpr int kCountdownStart = 50;
 
 // Only sets the flag: the loops notice it and the main thread does the shutting down.
-void on_stop_signal(int) { g_daemon.stop_flag.store(1); }
+void on_stop_signal(int) {
+    g_daemon.stop_flag.store(1);
+}
 
 void install_signals() {
     std::signal(SIGPIPE, SIG_IGN);
@@ -83,8 +85,7 @@ void start_threads() {
         LOG_ERROR_AT("Failed to create key airtunes thread\n");
     if (!start_thread(&g_daemon.audio_thread, &g_daemon.audio_started, audio_receiver_thread))
         LOG_ERROR_AT("Failed to create key reader thread\n");
-    if (!start_thread(&g_daemon.proxy_thread, &g_daemon.proxy_started,
-                      airplay_video_proxy_server))
+    if (!start_thread(&g_daemon.proxy_thread, &g_daemon.proxy_started, airplay_video_proxy_server))
         LOG_ERROR_AT("Failed to create key reader thread\n");
 }
 
@@ -126,9 +127,13 @@ void daemon_init_session(media_session* session) {
     session->activity_mask.store(0);
 }
 
-uint32_t get_activity_mask() { return g_daemon.session.activity_mask.load(); }
+uint32_t get_activity_mask() {
+    return g_daemon.session.activity_mask.load();
+}
 
-int get_stop_flag() { return g_daemon.stop_flag.load(); }
+int get_stop_flag() {
+    return g_daemon.stop_flag.load();
+}
 
 void daemon_poll_pass(int* countdown) {
     media_session* session = &g_daemon.session;

@@ -2,4 +2,6 @@
 // It takes no arguments: ports, paths and intervals are fixed.
 #include "main/daemon.h"
 
-int main(int, char**) { return daemon_main(); }
+int main(int, char**) {
+    return daemon_main();
+}

@@ -84,9 +84,13 @@ struct stream_vector {
     std::vector<int> fmtp;  // the twelve numbers of the SDP fmtp line
 };
 
-inline std::string alac_data_dir() { return zt::source_dir() + "/tests/data/alac/"; }
+inline std::string alac_data_dir() {
+    return zt::source_dir() + "/tests/data/alac/";
+}
 
-inline std::string alac_build_dir() { return zt::build_dir(); }
+inline std::string alac_build_dir() {
+    return zt::build_dir();
+}
 
 inline std::vector<uint8_t> read_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

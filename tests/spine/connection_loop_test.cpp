@@ -1,6 +1,6 @@
 // The connection loops against many, stalled and hostile clients.
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -73,7 +73,7 @@ TEST(ConnectionLoop, DescriptorsBeyondSelectsLimitAreRefused) {
         ASSERT_TRUE(crowd.back().ok()) << i;
     }
     EXPECT_TRUE(box.wait_log("descriptor beyond select's limit")) << box.daemon_log();
-    EXPECT_TRUE(crowd.back().closed_by_peer());          // refused at once
+    EXPECT_TRUE(crowd.back().closed_by_peer());           // refused at once
     EXPECT_EQ(zt::status_code(ask(crowd.front())), 501);  // the others are still served
     crowd.clear();
     // Once the crowd's connections are closed, a newcomer is served again.

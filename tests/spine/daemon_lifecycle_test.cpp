@@ -17,7 +17,9 @@ bool is_fifo(const char* path) {
     return ::lstat(path, &st) == 0 && S_ISFIFO(st.st_mode);
 }
 
-void write_file(const char* path, const std::string& text) { std::ofstream(path) << text; }
+void write_file(const char* path, const std::string& text) {
+    std::ofstream(path) << text;
+}
 
 }  // namespace
 

@@ -1,4 +1,6 @@
 // The player client against player_sim and against services that misbehave.
+#include "tools/utils/player_client.h"
+
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,7 +13,6 @@
 
 #include "support/box.h"
 #include "support/support.h"
-#include "tools/utils/player_client.h"
 
 namespace {
 
@@ -37,9 +38,7 @@ class FakeService {
         thread_.join();
         ::close(listen_fd_);
     }
-    std::string received() {
-        return received_;
-    }
+    std::string received() { return received_; }
     bool connected() const { return connected_; }
 
    private:
@@ -75,13 +74,16 @@ TEST(PlayerClient, SendsTheRequestTextAndJudgesTheReply) {
                   "GET /playback?arg0=stop_vod HTTP/1.1\r\nUser-Agent: Wget/1.11.2\r\n"
                   "Accept: */*\r\nHost: 127.0.0.1:8008\r\nConnection: Keep-Alive\r\n\r\n");
     }
-    EXPECT_EQ(std::string(e.x->player_request.body).rfind("GET /playback?arg0=stop_vod HTTP/1.1\r\n", 0), 0u);
+    EXPECT_EQ(
+        std::string(e.x->player_request.body).rfind("GET /playback?arg0=stop_vod HTTP/1.1\r\n", 0),
+        0u);
     EXPECT_EQ(e.x->player_reply.content_length, (int)answer.size());
     EXPECT_EQ(std::string(e.x->player_reply.body), answer);
     EXPECT_TRUE(player_command_ok(e.x.get()));
 
     // A refusal is a reply without the success marker.
-    FakeService refusing([&](int c) { reply_with(c, "HTTP/1.1 200 OK\r\n\r\n<returnValue>-1</returnValue>"); });
+    FakeService refusing(
+        [&](int c) { reply_with(c, "HTTP/1.1 200 OK\r\n\r\n<returnValue>-1</returnValue>"); });
     Exchange r;
     EXPECT_EQ(r.send("http://127.0.0.1:8008/playback?arg0=pause_vod"), 0);
     EXPECT_FALSE(player_command_ok(r.x.get()));

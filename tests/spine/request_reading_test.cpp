@@ -72,10 +72,10 @@ TEST(ReadRequest, ContentLengthIsMatchedExactly) {
         const char* header;
         int expected;
     } cases[] = {
-        {"content-length: 12", 0},         // lower case is another header
-        {"Content-Length:    42", 42},     // blanks skipped
-        {"Content-Length: abc", 0},        // not a number
-        {"Content-Length: 17xyz", 17},     // digits up to the first non-digit
+        {"content-length: 12", 0},                    // lower case is another header
+        {"Content-Length:    42", 42},                // blanks skipped
+        {"Content-Length: abc", 0},                   // not a number
+        {"Content-Length: 17xyz", 17},                // digits up to the first non-digit
         {"Content-Length: 99999999999", 0x7fffffff},  // saturates, never wraps negative
     };
     for (const auto& c : cases) {

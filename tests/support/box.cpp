@@ -22,7 +22,9 @@ bool Box::start(const std::vector<std::string>& player_options) {
     return start_player(player_options) && start_daemon();
 }
 
-int Box::stop_daemon() { return daemon_.running() ? daemon_.stop(SIGTERM) : -1; }
+int Box::stop_daemon() {
+    return daemon_.running() ? daemon_.stop(SIGTERM) : -1;
+}
 
 void Box::stop() {
     stop_daemon();

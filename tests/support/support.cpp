@@ -39,8 +39,12 @@ int exit_status(int status) {
 
 }  // namespace
 
-std::string build_dir() { return env_or("ZOR_BUILD_DIR", ZOR_DEFAULT_BUILD_DIR); }
-std::string source_dir() { return env_or("ZOR_SOURCE_DIR", ZOR_DEFAULT_SOURCE_DIR); }
+std::string build_dir() {
+    return env_or("ZOR_BUILD_DIR", ZOR_DEFAULT_BUILD_DIR);
+}
+std::string source_dir() {
+    return env_or("ZOR_SOURCE_DIR", ZOR_DEFAULT_SOURCE_DIR);
+}
 
 bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -125,7 +129,9 @@ Client& Client::operator=(Client&& other) noexcept {
     return *this;
 }
 
-Client::~Client() { close(); }
+Client::~Client() {
+    close();
+}
 
 void Client::close() {
     if (fd_ >= 0) ::close(fd_);
@@ -251,7 +257,8 @@ int listen_on(const std::string& host, int port, int* bound_port) {
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(port));
     ::inet_pton(AF_INET, host.c_str(), &addr.sin_addr);
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || ::listen(fd, 16) != 0) {
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
+        ::listen(fd, 16) != 0) {
         ::close(fd);
         return -1;
     }

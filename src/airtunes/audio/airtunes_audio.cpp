@@ -10,4 +10,6 @@ void* audio_receiver_thread(void*) {
     return nullptr;
 }
 
-int airtunes_audio_status() { return 4; }
+int airtunes_audio_status() {
+    return 4;
+}

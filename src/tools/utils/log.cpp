@@ -1,7 +1,7 @@
 #include "tools/utils/log.h"
 
-#include <cstdio>
 #include <array>
+#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -33,7 +33,9 @@ void write_line(std::string line) {
 
 }  // namespace
 
-void log_init() { std::setvbuf(stdout, nullptr, _IOLBF, 0); }
+void log_init() {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+}
 
 void log_tagged(const char* color, const char* fmt, ...) {
     va_list args;
@@ -51,4 +53,6 @@ void log_plain(const char* fmt, ...) {
     write_line(std::move(msg));
 }
 
-void log_text(const char* text) { write_line(text ? std::string(text) : std::string()); }
+void log_text(const char* text) {
+    write_line(text ? std::string(text) : std::string());
+}

@@ -25,8 +25,9 @@ void log_init();
 
 // Error lines that carry their source location. The entry and socket code write
 // "Error [File:..." (with a blank); the player client and the media handlers "Error[File:...".
-#define LOG_ERROR_AT(fmt, ...) \
-    log_plain("Error [File:%s][funct:%s][line:%d] " fmt, __FILE__, __func__, __LINE__, ##__VA_ARGS__)
+#define LOG_ERROR_AT(fmt, ...)                                                         \
+    log_plain("Error [File:%s][funct:%s][line:%d] " fmt, __FILE__, __func__, __LINE__, \
+              ##__VA_ARGS__)
 #define LOG_ERROR_HERE(fmt, ...) \
     log_plain("Error[File:%s][funct:%s][line:%d] " fmt, __FILE__, __func__, __LINE__, ##__VA_ARGS__)
 // The same with the function name given, for code inside lambdas and shared helpers.

@@ -71,8 +71,8 @@ int socket_read(int sock, void* buf, int count) {
             break;
         }
         if (n == 0) {
-            log_tagged(zor_log::kGreen,
-                       "read from sockfd : nothing left to read(%d)  sockfd(%d)\n", 0, sock);
+            log_tagged(zor_log::kGreen, "read from sockfd : nothing left to read(%d)  sockfd(%d)\n",
+                       0, sock);
             break;
         }
         total += static_cast<int>(n);

@@ -32,7 +32,8 @@ bool split_url(std::string_view url, command_url* out) {
     size_t slash = url.find('/', colon);
     if (slash == std::string_view::npos) return false;
     unsigned port = 0;
-    for (size_t i = colon + 1; i < url.size() && url[i] >= '0' && url[i] <= '9' && port < 65536; ++i)
+    for (size_t i = colon + 1; i < url.size() && url[i] >= '0' && url[i] <= '9' && port < 65536;
+         ++i)
         port = port * 10 + static_cast<unsigned>(url[i] - '0');
     out->port = static_cast<uint16_t>(port);
     out->host_port = url.substr(slashes + 2, slash - slashes - 2);
@@ -113,8 +114,8 @@ bool player_command_ok(const net_exchange* x) {
 bool player_command(net_exchange* x, const char* target) {
     net_message_clear(&x->player_request);
     net_message_clear(&x->player_reply);
-    std::snprintf(x->player_request.body, sizeof(x->player_request.body), "%s%s",
-                  PLAYER_URL_PREFIX, target);
+    std::snprintf(x->player_request.body, sizeof(x->player_request.body), "%s%s", PLAYER_URL_PREFIX,
+                  target);
     cs_request_with_response(&x->player_request, x);
     return player_command_ok(x);
 }

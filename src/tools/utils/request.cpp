@@ -29,9 +29,13 @@ int parse_content_length(const char* p) {
 
 }  // namespace
 
-void net_message_clear(net_message* msg) { std::memset(msg, 0, sizeof(*msg)); }
+void net_message_clear(net_message* msg) {
+    std::memset(msg, 0, sizeof(*msg));
+}
 
-void net_exchange_clear(net_exchange* x) { std::memset(x, 0, sizeof(*x)); }
+void net_exchange_clear(net_exchange* x) {
+    std::memset(x, 0, sizeof(*x));
+}
 
 int read_request(int sock, net_message* msg) {
     std::array<char, kTextSize> buffer{};
