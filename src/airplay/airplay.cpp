@@ -12,7 +12,7 @@
 
 namespace {
 
-net_exchange airplay_exchange;  // owned by the AirPlay thread (the seek thread borrows it)
+net_exchange airplay_exchange;  // owned by the AirPlay thread
 
 constexpr size_t kSessionIdLength = 36;
 constexpr const char kLine60[] = "============================================================";

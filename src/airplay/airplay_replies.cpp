@@ -21,11 +21,6 @@ constexpr size_t kSessionIdLength = 36;
 constexpr const char kNoSession[] = "00000000-0000-0000-0000-000000000000";
 constexpr const char kLogFence[] = "[][][][][][][][][][][][][][][][][][][][][][]";
 
-#define PLIST_HEAD                                                 \
-    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n" PLIST_DOCTYPE \
-    "\r\n"                                                         \
-    "<plist version=\"1.0\">\r\n"
-
 void set_head(net_exchange* x, const char* line) {
     std::snprintf(x->reply.head, sizeof(x->reply.head), "%s", line);
 }

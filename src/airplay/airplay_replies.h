@@ -10,6 +10,12 @@
     "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" " \
     "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">"
 
+// The first three lines of every XML property list the service writes, each with "\r\n".
+#define PLIST_HEAD                                                 \
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n" PLIST_DOCTYPE \
+    "\r\n"                                                         \
+    "<plist version=\"1.0\">\r\n"
+
 // GET /server-info: takes the sender's session id from the request's "X-Apple-Session-ID:"
 // (the 36 characters starting 20 after the name) into session->session_id, then describes
 // the box with eth0's MAC address.

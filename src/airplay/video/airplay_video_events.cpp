@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "airplay/airplay_replies.h"
 #include "airplay/video/airplay_video.h"
 #include "tools/utils/log.h"
 #include "tools/utils/net.h"
@@ -24,10 +25,7 @@ int send_playback_event_xml(int sock, const char* state) {
     char body[kTextSize] = {};
     char request[kTextSize] = {};
     int body_len = std::snprintf(body, sizeof(body),
-                                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n"
-                                 "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-                                 "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\r\n"
-                                 "<plist version=\"1.0\">\r\n"
+                                 PLIST_HEAD
                                  "<dict>\r\n"
                                  "<key>category</key>\r\n"
                                  "<string>%s</string>\r\n"
