@@ -58,7 +58,7 @@ int handle_stop(media_session* session, net_exchange* x) {
 }
 
 // A sender repeats POST /play within one session; only the first of them starts a video.
-int handle_play(media_session* session, int sock, int n, net_exchange* x) {
+int handle_play(media_session* session, net_conn* conn, int n, net_exchange* x) {
     if (std::strncmp(session->session_id, session->played_session_id, kSessionIdLength) == 0) {
         log_plain("%s", kDashes);
         log_plain("found second request sets, ommit second one");
@@ -71,12 +71,13 @@ int handle_play(media_session* session, int sock, int n, net_exchange* x) {
     }
     std::memcpy(session->played_session_id, session->session_id,
                 sizeof(session->played_session_id));
-    return status_of(airplay_video_start(sock, n, x));
+    return status_of(airplay_video_start(conn, n, x));
 }
 
 // Calls the handler of the first matching test; returns the reply's status. n is
 // read_request's count, which the body readers need.
-int recognise(media_session* session, int sock, int n, std::string_view text, net_exchange* x) {
+int recognise(media_session* session, net_conn* conn, int n, std::string_view text,
+              net_exchange* x) {
     request_view r{text};
     if (r.begins("GET /server-info")) {
         build_server_info(session, x);
@@ -88,7 +89,7 @@ int recognise(media_session* session, int sock, int n, std::string_view text, ne
     }
     if (r.begins("POST /rate")) return status_of(airplay_video_rate(x));
     if (r.begins("POST /reverse")) {
-        session->event_socket.store(sock);
+        session->event_socket.store(conn->sock);
         std::snprintf(x->reply.head, sizeof(x->reply.head), "%s",
                       "Upgrade: PTTH/1.0\r\nConnection: Upgrade");
         return 101;
@@ -100,8 +101,8 @@ int recognise(media_session* session, int sock, int n, std::string_view text, ne
     }
     if (r.contains("POST /scrub")) return status_of(airplay_video_scrub(x));
     if (r.contains("/photo"))
-        return status_of(airplay_photo_start(sock, n, x, r.contains("cacheOnly") ? 1 : 0));
-    if (r.contains("POST /play")) return handle_play(session, sock, n, x);
+        return status_of(airplay_photo_start(conn, n, x, r.contains("cacheOnly") ? 1 : 0));
+    if (r.contains("POST /play")) return handle_play(session, conn, n, x);
     if (r.begins("POST /getProperty?playbackAccessLog")) {
         build_access_log(session, x);
         return 200;
@@ -115,10 +116,10 @@ int recognise(media_session* session, int sock, int n, std::string_view text, ne
 
 }  // namespace
 
-int airplay_dispatch(media_session* session, int sock) {
+int airplay_dispatch(media_session* session, net_conn* conn) {
     net_exchange* x = &airplay_exchange;
     net_exchange_clear(x);
-    int n = read_request(sock, &x->request);
+    int n = read_request(conn, &x->request);
     if (n < 1) return -1;
     x->request.head[n] = '\0';
     // Only the header block was copied into head and the rest is zero: the text ends there.
@@ -130,8 +131,8 @@ int airplay_dispatch(media_session* session, int sock) {
     }
     if (!text.starts_with("GET /playback-info")) log_received(x->request.head);
 
-    int status = recognise(session, sock, n, text, x);
+    int status = recognise(session, conn, n, text, x);
     // A failed handler still gets a well-formed reply before its connection is closed.
-    airplay_send_reply(sock, status < 0 ? 500 : status, &x->reply);
+    airplay_send_reply(conn->sock, status < 0 ? 500 : status, &x->reply);
     return status;
 }

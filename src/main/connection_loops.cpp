@@ -1,27 +1,41 @@
 #include "main/connection_loops.h"
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 
 #include "airplay/airplay.h"
 #include "airtunes/airtunes.h"
 #include "main/daemon.h"
 #include "proxy/proxy.h"
+#include "tools/utils/conn.h"
 #include "tools/utils/log.h"
 #include "tools/utils/net.h"
 
 namespace {
 
+constexpr int kMaxClientsPerPort = 32;
+constexpr int kMaxClientsPerPeer = 16;
+// Descriptors kept free for the FIFOs, files, player connections and UDP sockets the daemon
+// still has to open while a flood holds everything else.
+constexpr int kReservedDescriptors = 32;
+constexpr auto kAcceptBackoff = std::chrono::milliseconds(100);
+constexpr auto kRefusalLogInterval = std::chrono::seconds(1);
+
 // What differs between the three loops; the loop itself is shared.
 struct loop_config {
+    int port;
     int listen_sock;
     int timeout_seconds;
-    // Serves one readable client; returns true when the connection is to be closed.
-    bool (*serve)(int sock);
+    // Serves one ready request; returns true when the connection is to be closed.
+    bool (*serve)(net_conn* conn);
     void (*on_accept_fail)(int listen_sock, int result);
     void (*on_accepted)(int sock);
     void (*before_close)(int sock);
@@ -31,100 +45,198 @@ struct loop_config {
 void nothing(int) {}
 void nothing2(int, int) {}
 
-// select() cannot watch descriptors from FD_SETSIZE on; such a connection is refused.
-bool register_client(int sock, fd_set* registered) {
-    if (sock >= FD_SETSIZE) {
-        log_tagged(zor_log::kRed, "refused connection %d: descriptor beyond select's limit\n",
-                   sock);
-        close(sock);
-        return false;
-    }
-    socket_set_timeouts(sock, kClientTimeoutSeconds);
-    FD_SET(sock, registered);
+// One loop's connections and its guards against floods.
+struct loop_state {
+    std::array<net_conn, kMaxClientsPerPort> conns;  // sock < 0: free slot
+    int descriptor_ceiling = FD_SETSIZE;             // accepted numbers must stay below it
+    net_deadline accept_resume{};                    // no accept before this (back-off)
+    net_deadline next_refusal_log{};                 // refusals are logged once a second
+};
+
+// A flood must not flood the log: one line per interval, whatever the rate.
+bool may_log(net_deadline* next) {
+    net_deadline now = net_clock::now();
+    if (now < *next) return false;
+    *next = now + kRefusalLogInterval;
     return true;
 }
 
-void accept_client(const loop_config& cfg, fd_set* registered) {
+int descriptor_ceiling() {
+    rlimit lim{};
+    long limit = getrlimit(RLIMIT_NOFILE, &lim) == 0 ? static_cast<long>(lim.rlim_cur) : FD_SETSIZE;
+    return static_cast<int>(std::min<long>(FD_SETSIZE, limit - kReservedDescriptors));
+}
+
+// Why a new connection cannot be taken, or null when it can.
+const char* refusal(const loop_state& st, int sock, uint32_t peer) {
+    if (sock >= st.descriptor_ceiling) return "descriptor beyond select's limit or the reserve";
+    int total = 0, same_peer = 0;
+    for (const net_conn& c : st.conns) {
+        if (c.sock < 0) continue;
+        ++total;
+        same_peer += c.peer_addr == peer;
+    }
+    if (total >= kMaxClientsPerPort) return "too many connections on this port";
+    if (same_peer >= kMaxClientsPerPeer) return "too many connections from this address";
+    return nullptr;
+}
+
+net_conn* free_slot(loop_state* st) {
+    for (net_conn& c : st->conns)
+        if (c.sock < 0) return &c;
+    return nullptr;
+}
+
+void accept_client(const loop_config& cfg, loop_state* st) {
     sockaddr_in peer{};
     socklen_t len = sizeof(peer);
     int sock = accept(cfg.listen_sock, reinterpret_cast<sockaddr*>(&peer), &len);
     if (sock < 0) {
-        cfg.on_accept_fail(cfg.listen_sock, sock);
+        // Out of descriptors (or another failure): back off instead of spinning on it.
+        st->accept_resume = net_clock::now() + kAcceptBackoff;
+        if (may_log(&st->next_refusal_log)) cfg.on_accept_fail(cfg.listen_sock, sock);
         return;
     }
-    if (register_client(sock, registered)) cfg.on_accepted(sock);
-}
-
-void close_client(const loop_config& cfg, int sock, fd_set* registered) {
-    cfg.before_close(sock);
-    if (close(sock) == 0)
-        FD_CLR(sock, registered);
-    else
-        cfg.on_close_fail(sock);
-}
-
-void serve_ready(const loop_config& cfg, const fd_set& ready, fd_set* registered) {
-    for (int fd = 0; fd < FD_SETSIZE; ++fd) {
-        if (!FD_ISSET(fd, &ready)) continue;
-        if (fd == cfg.listen_sock)
-            accept_client(cfg, registered);
-        else if (cfg.serve(fd))
-            close_client(cfg, fd, registered);
+    uint32_t addr = peer.sin_addr.s_addr;
+    if (const char* why = refusal(*st, sock, addr)) {
+        if (may_log(&st->next_refusal_log)) {
+            char text[INET_ADDRSTRLEN] = "?";
+            inet_ntop(AF_INET, &peer.sin_addr, text, sizeof(text));
+            log_tagged(zor_log::kRed, "refused connection %d from %s on port %d: %s\n", sock, text,
+                       cfg.port, why);
+        }
+        close(sock);
+        return;
     }
+    socket_set_timeouts(sock, kClientTimeoutSeconds);
+    conn_open(free_slot(st), sock, addr);
+    cfg.on_accepted(sock);
+}
+
+void close_client(const loop_config& cfg, net_conn* conn) {
+    cfg.before_close(conn->sock);
+    if (close(conn->sock) == 0)
+        conn_open(conn, -1, 0);
+    else
+        cfg.on_close_fail(conn->sock);
+}
+
+// Serves the connection's ready request, if it has one, and closes it when it is done.
+// Returns true when the next request already waits in its buffer (pipelined).
+bool serve_one(const loop_config& cfg, net_conn* conn, conn_state state) {
+    if (state == kConnWaiting) return false;
+    if (state == kConnReady && !cfg.serve(conn) && conn_finish_request(conn)) {
+        state = conn_check(conn);
+        if (state != kConnBroken) return state == kConnReady;
+    }
+    close_client(cfg, conn);
+    return false;
+}
+
+// Builds the read set and the time-out of one select.
+int prepare(const loop_config& cfg, const loop_state& st, fd_set* set, timeval* timeout) {
+    FD_ZERO(set);
+    int top = -1;
+    auto add = [&](int fd) {
+        if (fd < 0 || fd >= FD_SETSIZE) return;
+        FD_SET(fd, set);
+        top = std::max(top, fd);
+    };
+    net_deadline now = net_clock::now();
+    net_deadline wake = now + std::chrono::seconds(cfg.timeout_seconds);
+    if (now >= st.accept_resume)
+        add(cfg.listen_sock);
+    else
+        wake = std::min(wake, st.accept_resume);
+    add(get_stop_fd());
+    for (const net_conn& c : st.conns) {
+        if (c.sock < 0) continue;
+        if (!c.peer_closed) add(c.sock);
+        if (c.in_request) wake = std::min(wake, c.deadline);
+    }
+    auto left = std::chrono::duration_cast<std::chrono::microseconds>(wake - now);
+    long long us = std::max<long long>(left.count(), 0);
+    *timeout = timeval{static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
+    return top + 1;
+}
+
+// One pass over every connection in ascending descriptor order; a request that waits in a
+// connection's buffer (pipelined, or its peer closed) is served without a new select.
+bool serve_pass(const loop_config& cfg, loop_state* st, const fd_set& ready) {
+    std::array<net_conn*, kMaxClientsPerPort> order{};
+    int n = 0;
+    for (net_conn& c : st->conns)
+        if (c.sock >= 0) order[static_cast<size_t>(n++)] = &c;
+    std::sort(order.begin(), order.begin() + n,
+              [](const net_conn* a, const net_conn* b) { return a->sock < b->sock; });
+    bool more = false;
+    for (int i = 0; i < n; ++i) {
+        net_conn* conn = order[static_cast<size_t>(i)];
+        bool readable = conn->sock < FD_SETSIZE && FD_ISSET(conn->sock, &ready);
+        if (serve_one(cfg, conn, readable ? conn_receive(conn) : conn_check(conn))) more = true;
+    }
+    return more;
 }
 
 void run_loop(const loop_config& cfg) {
-    fd_set registered;
-    FD_ZERO(&registered);
-    // A port whose socket could not be opened leaves an empty set: the loop just waits.
-    if (cfg.listen_sock >= 0 && cfg.listen_sock < FD_SETSIZE) FD_SET(cfg.listen_sock, &registered);
+    loop_state st;
+    for (net_conn& c : st.conns) conn_open(&c, -1, 0);
+    st.descriptor_ceiling = descriptor_ceiling();
+    bool pending = false;  // a request is already in a buffer: do not wait for more bytes
 
-    while (g_daemon.stop_flag.load() != 1) {
-        timeval timeout{cfg.timeout_seconds, 0};
-        fd_set ready = registered;
-        int n = select(FD_SETSIZE, &ready, nullptr, nullptr, &timeout);
-        if (n == 0) continue;
+    while (get_stop_flag() != 1) {
+        fd_set ready;
+        timeval timeout{};
+        int count = prepare(cfg, st, &ready, &timeout);
+        if (pending) timeout = timeval{0, 0};
+        int n = select(count, &ready, nullptr, nullptr, &timeout);
         if (n < 0) {
             // The set holds nothing valid after a failure (a signal, mostly): try again.
             if (errno != EINTR) usleep(100000);
             continue;
         }
-        g_daemon.poll_interval_us.store(kPollBusyUs);
-        if (g_daemon.stop_flag.load() == 1) break;  // woken by the shutdown
-        serve_ready(cfg, ready, &registered);
+        if (get_stop_flag() == 1) break;
+        if (n > 0) g_daemon.poll_interval_us.store(kPollBusyUs);
+        bool accept_now = n > 0 && cfg.listen_sock >= 0 && cfg.listen_sock < FD_SETSIZE &&
+                          FD_ISSET(cfg.listen_sock, &ready);
+        if (n == 0) FD_ZERO(&ready);
+        // Connections first: one accepted in this pass is served from the next.
+        pending = serve_pass(cfg, &st, ready);
+        if (accept_now) accept_client(cfg, &st);
     }
 }
 
 // --- port 7000 ---
 
-bool airplay_serve(int sock) {
-    log_tagged(zor_log::kGreen, "airplay_thread read socket %d\n", sock);
-    if (airplay_dispatch(&g_daemon.session, sock) >= 0) return false;
+bool airplay_serve(net_conn* conn) {
+    log_tagged(zor_log::kGreen, "airplay_thread read socket %d\n", conn->sock);
+    if (airplay_dispatch(&g_daemon.session, conn) >= 0) return false;
     // No event may ever be written to a descriptor number that a later connection reuses.
-    int expected = sock;
+    int expected = conn->sock;
     g_daemon.session.event_socket.compare_exchange_strong(expected, 0);
     return true;
 }
 
 // --- port 5000 ---
 
-bool airtunes_serve(int sock) {
+bool airtunes_serve(net_conn* conn) {
     if (access("/tmp/airplay_key_stopped.txt", F_OK) == 0 &&
-        airtunes_key_stop(&g_daemon.session, sock) != 0)
+        airtunes_key_stop(&g_daemon.session, conn->sock) != 0)
         return true;
-    return airtunes_dispatch(&g_daemon.session, sock) < 0;
+    return airtunes_dispatch(&g_daemon.session, conn) < 0;
 }
 
 // --- port 4000 ---
 
-bool proxy_serve(int sock) {
-    return proxy_handle_request(sock) < 0;
+bool proxy_serve(net_conn* conn) {
+    return proxy_handle_request(conn) < 0;
 }
 
 }  // namespace
 
 void* airplay_thread(void*) {
     loop_config cfg{
+        .port = 7000,
         .listen_sock = g_daemon.airplay_sock,
         .timeout_seconds = 8,
         .serve = airplay_serve,
@@ -145,6 +257,7 @@ void* airplay_thread(void*) {
 
 void* airtunes_thread(void*) {
     loop_config cfg{
+        .port = 5000,
         .listen_sock = g_daemon.airtunes_sock,
         .timeout_seconds = 8,
         .serve = airtunes_serve,
@@ -159,6 +272,7 @@ void* airtunes_thread(void*) {
 
 void* airplay_video_proxy_server(void*) {
     loop_config cfg{
+        .port = 4000,
         .listen_sock = g_daemon.proxy_sock,
         .timeout_seconds = 4,
         .serve = proxy_serve,

@@ -1,6 +1,7 @@
 #include "main/daemon.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,6 +22,8 @@ daemon_state g_daemon = {.airplay_sock = 0,
                          .proxy_sock = 0,
                          .pipe_fd = 0,
                          .stop_flag = 0,
+                         .stop_pipe_read = -1,
+                         .stop_pipe_write = -1,
                          .poll_interval_us = kPollIdleUs,
                          .airplay_thread = {},
                          .airtunes_thread = {},
@@ -39,9 +42,22 @@ constexpr const char kKeyStopFile[] = "/tmp/airplay_key_stopped.txt";
 constexpr const char kAudioPipe[] = "/tmp/airtunes";
 constexpr int kCountdownStart = 50;
 
-// Only sets the flag: the loops notice it and the main thread does the shutting down.
+// Only sets the flag and wakes the waits: the main thread does the shutting down.
 void on_stop_signal(int) {
-    g_daemon.stop_flag.store(1);
+    daemon_request_stop();
+}
+
+void make_stop_pipe() {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) return;
+    g_daemon.stop_pipe_read.store(fds[0]);
+    g_daemon.stop_pipe_write.store(fds[1]);
+}
+
+// Sleeps for the poll interval, or less when the daemon stops meanwhile.
+void sleep_unless_stopped(int interval_us) {
+    pollfd fd{get_stop_fd(), POLLIN, 0};
+    if (get_stop_flag() != 1) poll(&fd, 1, interval_us / 1000);
 }
 
 void install_signals() {
@@ -74,7 +90,7 @@ void create_airplay_pipe() {
 
 bool start_thread(pthread_t* handle, bool* started, void* (*entry)(void*)) {
     *started = pthread_create(handle, nullptr, entry, nullptr) == 0;
-    if (!*started) g_daemon.stop_flag.store(1);
+    if (!*started) daemon_request_stop();
     return *started;
 }
 
@@ -94,12 +110,6 @@ void set_bit(uint32_t bit, bool on) {
         g_daemon.session.activity_mask.fetch_or(bit);
     else
         g_daemon.session.activity_mask.fetch_and(~bit);
-}
-
-// A listening socket blocked in select does not notice a close; shutting it down makes
-// it readable at once, so the loops see the stop flag now instead of after 8 s.
-void wake_listener(int sock) {
-    if (sock > 0) shutdown(sock, SHUT_RDWR);
 }
 
 // The receiver thread may sit in a blocking open of the audio FIFO waiting for a reader;
@@ -135,6 +145,19 @@ int get_stop_flag() {
     return g_daemon.stop_flag.load();
 }
 
+void daemon_request_stop() {
+    g_daemon.stop_flag.store(1);
+    int fd = g_daemon.stop_pipe_write.load();
+    if (fd >= 0) {
+        ssize_t ignored = write(fd, "s", 1);  // one byte is enough: nobody ever reads it
+        (void)ignored;
+    }
+}
+
+int get_stop_fd() {
+    return g_daemon.stop_pipe_read.load();
+}
+
 void daemon_poll_pass(int* countdown) {
     media_session* session = &g_daemon.session;
     set_bit(kActivityVideo, airplay_video_monitor(session) != 4);
@@ -143,10 +166,10 @@ void daemon_poll_pass(int* countdown) {
 
     int interval = g_daemon.poll_interval_us.load();
     if (get_activity_mask() == 0 && interval == kPollIdleUs) {
-        usleep(static_cast<useconds_t>(interval));
+        sleep_unless_stopped(interval);
         return;
     }
-    usleep(static_cast<useconds_t>(interval));
+    sleep_unless_stopped(interval);
     if (*countdown > 0) --*countdown;
     if (get_activity_mask() == 0 && *countdown == 0) {
         g_daemon.poll_interval_us.store(kPollIdleUs);
@@ -155,9 +178,7 @@ void daemon_poll_pass(int* countdown) {
 }
 
 void daemon_shutdown() {
-    wake_listener(g_daemon.airtunes_sock);
-    wake_listener(g_daemon.airplay_sock);
-    wake_listener(g_daemon.proxy_sock);
+    daemon_request_stop();  // wakes every loop at once, whoever asked for the stop
     release_audio_pipe_writer();
 
     // Joined before the descriptors close, so no loop ever selects on a number that has
@@ -175,6 +196,7 @@ void daemon_shutdown() {
 
 int daemon_main() {
     log_init();
+    make_stop_pipe();
     install_signals();
     int countdown = kCountdownStart;
     g_daemon.stop_flag.store(0);

@@ -41,6 +41,10 @@ struct daemon_state {
     // 1 = stop. Set at start-up when a thread cannot be created, and by SIGTERM/SIGINT;
     // every long-lived loop tests it once per pass.
     std::atomic<int> stop_flag;
+    // A pipe written once when the daemon stops and never read, so it stays readable: every
+    // wait of the daemon (select, poll) watches its read end and ends at once. -1 until made.
+    std::atomic<int> stop_pipe_read;
+    std::atomic<int> stop_pipe_write;
     // Sleep of the main loop: the connection loops set kPollBusyUs on traffic, only the
     // main loop sets kPollIdleUs again.
     std::atomic<int> poll_interval_us;
@@ -71,3 +75,10 @@ uint32_t get_activity_mask();
 
 // The stop flag: 1 when the daemon is stopping.
 int get_stop_flag();
+
+// Sets the stop flag and wakes every wait that watches the stop pipe. Async-signal-safe.
+void daemon_request_stop();
+
+// Read end of the stop pipe: readable once the daemon stops; -1 when there is none (a
+// program without the daemon). Add it to every poll or select that may wait long.
+int get_stop_fd();

@@ -127,7 +127,9 @@ using DispatchValues = PairTest;
 
 std::string dispatch(int fds[2], const std::string& request) {
     send(fds[1], request.data(), request.size(), 0);
-    int status = airplay_dispatch(&g_daemon.session, fds[0]);
+    net_conn conn;
+    conn_open(&conn, fds[0], 0);
+    int status = airplay_dispatch(&g_daemon.session, &conn);
     std::string reply = drain(fds[1]);
     return status == 200 ? reply : "status " + std::to_string(status) + "\n" + reply;
 }

@@ -1,7 +1,7 @@
 // Placeholders until photo display lands: no photo is ever shown.
 #include "airplay/photo/airplay_photo.h"
 
-int airplay_photo_start(int, int, net_exchange*, int) {
+int airplay_photo_start(net_conn*, int, net_exchange*, int) {
     return -1;
 }
 int airplay_photo_stop(net_exchange*) {

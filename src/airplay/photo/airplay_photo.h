@@ -2,10 +2,10 @@
 #pragma once
 
 #include "main/daemon.h"
-#include "tools/utils/request.h"
+#include "tools/utils/conn.h"
 
 // PUT /photo: stores the JPEG and has the player show it (unless cache_only). 0 or -1.
-int airplay_photo_start(int sock, int read_count, net_exchange* x, int cache_only);
+int airplay_photo_start(net_conn* conn, int read_count, net_exchange* x, int cache_only);
 
 // POST /stop while a photo is shown: hides it. 0 or -1.
 int airplay_photo_stop(net_exchange* x);

@@ -5,7 +5,7 @@
 #include <atomic>
 
 #include "main/daemon.h"
-#include "tools/utils/request.h"
+#include "tools/utils/conn.h"
 
 // Video playback state as last reported by the player. Written by the main loop's monitor
 // and by the AirPlay thread's handlers, read by both: every field is atomic.
@@ -31,7 +31,7 @@ void airplay_video_init();
 int airplay_video_monitor(media_session* session);
 
 // The AirPlay handlers: each returns 0 on success, -1 on failure.
-int airplay_video_start(int sock, int read_count, net_exchange* x);  // POST /play
+int airplay_video_start(net_conn* conn, int read_count, net_exchange* x);  // POST /play
 int airplay_video_rate(net_exchange* x);                             // POST /rate
 int airplay_video_scrub(net_exchange* x);                            // POST /scrub
 int airplay_video_stop(net_exchange* x);                             // POST /stop (video)

@@ -12,7 +12,7 @@
 #include "airplay/video/airplay_video_url.h"
 #include "tools/decipher/bplist.h"
 #include "tools/utils/log.h"
-#include "tools/utils/net.h"
+#include "tools/utils/conn.h"
 #include "tools/utils/player_client.h"
 
 namespace {
@@ -32,28 +32,25 @@ bool head_contains(const net_message& request, const char* needle) {
     return head.find(needle) != std::string_view::npos;
 }
 
-// The whole body, one byte longer than Content-Length so it can be terminated. The bytes
-// that came with the header block are used first; bytes past Content-Length (a pipelined
-// request) are never counted as body.
-bool read_body(int sock, int read_count, const net_message& request, std::vector<char>* body) {
-    int length = request.content_length;
-    if (length < 0 || length > kMaxPlayBody) {
-        log_tagged(zor_log::kRed, "POST /play body of %d bytes refused (limit %d)\n", length,
-                   kMaxPlayBody);
-        return false;
+// The whole body, terminated so it can be scanned as text. The bytes that came with the
+// header block are used first; bytes past Content-Length (a pipelined request) are never
+// counted as body.
+bool read_play_body(net_conn* conn, int read_count, const net_message& request,
+                    body_buffer* body) {
+    switch (read_body_whole(conn, &request, read_count, kMaxPlayBody, body)) {
+        case kBodyOk:
+            return true;
+        case kBodyTooLarge:
+            log_tagged(zor_log::kRed, "POST /play body of %d bytes refused (limit %d)\n",
+                       request.content_length, kMaxPlayBody);
+            return false;
+        case kBodyNoMemory:
+            LOG_ERROR_HERE("Failed to malloc\n");
+            return false;
+        default:
+            LOG_ERROR_HERE("Invalid socket read\n");
+            return false;
     }
-    size_t already = 0;
-    if (read_count > request.header_len)
-        already = static_cast<size_t>(read_count - request.header_len);
-    already = std::min({already, static_cast<size_t>(length), sizeof(request.body)});
-    body->assign(static_cast<size_t>(length) + 1, '\0');
-    std::memcpy(body->data(), request.body, already);
-    int missing = length - static_cast<int>(already);
-    if (missing > 0 && socket_read(sock, body->data() + already, missing) != missing) {
-        LOG_ERROR_HERE("Invalid socket read\n");
-        return false;
-    }
-    return true;
 }
 
 // Negative positions (and NaN, -0) start at the beginning.
@@ -64,7 +61,7 @@ float clamp_position(float position) {
 // Text body: "Start-Position: " sets the position; the URL runs from "Content-Location: "
 // to the next line feed (a CR before it stays) or to the end of the body. Returns false
 // when there is no location.
-bool parse_text_body(std::vector<char>* body, std::string* url) {
+bool parse_text_body(body_buffer* body, std::string* url) {
     std::string_view text(body->data(), std::strlen(body->data()));
     size_t at = text.find(kStartPositionKey);
     float position = 0.0f;
@@ -83,11 +80,11 @@ bool parse_text_body(std::vector<char>* body, std::string* url) {
 }
 
 // Binary body: the location is used as it is, without the proxy.
-bool parse_binary_body(std::vector<char>* body, std::string* url) {
+bool parse_binary_body(body_buffer* body, std::string* url) {
     char* end = nullptr;
     float position = 0.0f;
     char* content =
-        bplist_find_content(body->data(), static_cast<uint32_t>(body->size() - 1), &end, &position);
+        bplist_find_content(body->data(), static_cast<uint32_t>(body->size()), &end, &position);
     start_position.store(position);
     if (content == nullptr || end == nullptr) return false;
     url->assign(content, static_cast<size_t>(end - content));
@@ -116,15 +113,15 @@ bool build_start_command(net_exchange* x, const std::string& url) {
 
 }  // namespace
 
-int airplay_video_start(int sock, int read_count, net_exchange* x) {
+int airplay_video_start(net_conn* conn, int read_count, net_exchange* x) {
     net_message_clear(&x->player_request);
     net_message_clear(&x->player_reply);
 
     bool binary = head_contains(x->request, kBinaryType);
     if (!binary && !head_contains(x->request, kTextType)) return -1;
 
-    std::vector<char> body;
-    if (!read_body(sock, read_count, x->request, &body)) return -1;
+    body_buffer body;
+    if (!read_play_body(conn, read_count, x->request, &body)) return -1;
 
     std::string url;
     bool found = binary ? parse_binary_body(&body, &url) : parse_text_body(&body, &url);

@@ -12,7 +12,7 @@
 #include "alac/alac.h"
 #include "tools/decipher/aes.h"
 
-inline constexpr int kFmtpCount = 20;    // numbers kept from the SDP "a=fmtp:" line
+inline constexpr int kFmtpCount = 20;      // numbers kept from the SDP "a=fmtp:" line
 inline constexpr int kAesIvStorage = 256;  // the decoded "a=aesiv:" value; the IV is its first 16
 
 // receiver_state values.
@@ -31,11 +31,11 @@ struct airtunes_session_record {
     // around I/O: ANNOUNCE and SETUP replace them under it, and the receiver decrypts and
     // decodes one packet under it, so a packet never sees half a key or a freed decoder.
     std::mutex lock;
-    std::unique_ptr<alac_decoder> decoder;      // made at SETUP from fmtp; null until then
-    aes_key_schedule aes_key;                   // set at ANNOUNCE; a zero key until then
+    std::unique_ptr<alac_decoder> decoder;        // made at SETUP from fmtp; null until then
+    aes_key_schedule aes_key;                     // set at ANNOUNCE; a zero key until then
     std::array<uint8_t, kAesIvStorage> aes_iv{};  // refilled at each ANNOUNCE carrying it
-    std::array<int, kFmtpCount> fmtp{};         // refilled at each ANNOUNCE carrying a=fmtp:
-    int frame_length = 0;                       // fmtp[1], copied when the decoder is made
+    std::array<int, kFmtpCount> fmtp{};           // refilled at each ANNOUNCE carrying a=fmtp:
+    int frame_length = 0;                         // fmtp[1], copied when the decoder is made
 
     // 0 idle, 1 start requested, 2 running. RECORD writes 1, the receiver 2, TEARDOWN and
     // key-stop 0; the receiver and the player start read it.

@@ -2,13 +2,40 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
+#include "main/daemon.h"
 #include "tools/utils/log.h"
+
+namespace {
+
+// Milliseconds left until deadline, for poll: never negative, never beyond a day.
+int ms_until(net_deadline deadline) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - net_clock::now());
+    return static_cast<int>(std::clamp<long long>(left.count(), 0, 86400000));
+}
+
+// Waits for events on sock, or for the stop. 1 ready, 0 deadline, -1 stop or failure.
+int wait_for(int sock, short events, net_deadline deadline) {
+    if (sock < 0) return -1;
+    for (;;) {
+        pollfd fds[2] = {{sock, events, 0}, {get_stop_fd(), POLLIN, 0}};
+        if (get_stop_flag() == 1) return -1;
+        int n = poll(fds, 2, ms_until(deadline));
+        if (n < 0 && errno == EINTR) continue;  // the stop, if it was one, is seen above
+        if (n < 0 || fds[1].revents != 0) return -1;
+        if (n == 0) return net_clock::now() >= deadline ? 0 : -1;
+        return 1;  // ready, or an error/hang-up that the next read or write reports
+    }
+}
+
+}  // namespace
 
 int make_socket_in(uint16_t port) {
     int sock = socket(AF_INET, SOCK_STREAM, 0);
@@ -29,7 +56,7 @@ int make_socket_in(uint16_t port) {
         close(sock);  // nobody else would ever close it
         return rc;
     }
-    rc = listen(sock, 1);
+    rc = listen(sock, kListenBacklog);
     if (rc < 0) {
         LOG_ERROR_AT("listen fail(%d)=%d\n", sock, rc);
         close(sock);
@@ -54,20 +81,33 @@ int connect_to(uint32_t addr, uint16_t port, int timeout_seconds) {
     return sock;
 }
 
-int socket_read(int sock, void* buf, int count) {
+int wait_readable(int sock, net_deadline deadline) {
+    return wait_for(sock, POLLIN, deadline);
+}
+
+int wait_writable(int sock, net_deadline deadline) {
+    return wait_for(sock, POLLOUT, deadline);
+}
+
+int socket_read(int sock, void* buf, int count, net_deadline deadline) {
     if (buf == nullptr) return 0;
     auto* bytes = static_cast<char*>(buf);
     int total = 0;
     int missing = count < 0 ? 0 : count;
     ssize_t n;
     for (;;) {
-        n = read(sock, bytes + total, static_cast<size_t>(missing));
-        if (n < 0 && errno == EINTR) continue;
+        // A complete read ends through the same line as an ended stream, without a read.
+        if (missing == 0) {
+            n = 0;
+        } else if (wait_readable(sock, deadline) != 1) {
+            n = -1;
+        } else {
+            n = recv(sock, bytes + total, static_cast<size_t>(missing), MSG_DONTWAIT);
+            if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) continue;
+        }
         if (n < 0) {
-            int saved = errno;  // callers tell a time-out from a reset by errno
             log_tagged(zor_log::kRed, "read from sockfd : failed(%d) sockfd(%d)\n",
                        static_cast<int>(n), sock);
-            errno = saved;
             break;
         }
         if (n == 0) {
@@ -87,8 +127,13 @@ int socket_write(int sock, const void* buf, int count) {
     int sent = 0;
     int remaining = count;
     for (;;) {
-        ssize_t n = write(sock, bytes + sent, remaining < 0 ? 0 : static_cast<size_t>(remaining));
-        if (n < 0 && errno == EINTR) continue;
+        ssize_t n = send(sock, bytes + sent, remaining < 0 ? 0 : static_cast<size_t>(remaining),
+                         MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n < 0 && errno == ENOTSOCK)  // a pipe or file: a plain write
+            n = write(sock, bytes + sent, remaining < 0 ? 0 : static_cast<size_t>(remaining));
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+            if (wait_writable(sock, net_clock::now() + kWriteStallLimit) == 1) continue;
+        }
         if (n < 0) {
             log_tagged(zor_log::kRed, "write to sockfd failed(%d)\n", static_cast<int>(n));
             return sent;

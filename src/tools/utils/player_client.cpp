@@ -90,9 +90,11 @@ int cs_request_with_response(net_message* request, net_exchange* x) {
 
     net_message* reply = &x->player_reply;
     reply->content_length = 0;
-    errno = 0;
-    int got = socket_read(sock, reply->body, kReplyLimit);
-    bool timed_out = got < kReplyLimit && (errno == EAGAIN || errno == EWOULDBLOCK);
+    net_deadline deadline = net_clock::now() + std::chrono::seconds(kPlayerTimeoutSeconds);
+    int got = socket_read(sock, reply->body, kReplyLimit, deadline);
+    // The service closes the connection after its reply: one that is still talking at the
+    // deadline never finished answering.
+    bool timed_out = got < kReplyLimit && net_clock::now() >= deadline;
     if (timed_out || got <= 0) {
         // A service that never finished answering counts as one that closed without a word.
         got = timed_out ? 0 : got;

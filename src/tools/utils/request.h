@@ -31,12 +31,6 @@ struct net_exchange {
 void net_message_clear(net_message* msg);
 void net_exchange_clear(net_exchange* x);
 
-// Reads one request's header block (and whatever body bytes came with it) into msg: head,
-// header_len, content_length, and the bytes after the block at the start of body.
-// Takes in at most 5119 bytes. Returns the bytes read (>= 1), 0 when the peer closed
-// before sending a byte, < 0 on a read error. Does not clear head or body itself.
-int read_request(int sock, net_message* msg);
-
 // Finds the NUL-terminated needle in the first size - 1 bytes of buffer (stopping at an
 // earlier zero byte). Returns the match or null. The buffer is left as it was.
 char* find_bounded(char* buffer, const char* needle, size_t size);
