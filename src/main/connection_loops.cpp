@@ -1,6 +1,7 @@
 #include "main/connection_loops.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/select.h>
@@ -87,15 +88,17 @@ net_conn* free_slot(loop_state* st) {
     return nullptr;
 }
 
-void accept_client(const loop_config& cfg, loop_state* st) {
+// Takes one waiting connection. Returns false when none is left to take now.
+bool accept_client(const loop_config& cfg, loop_state* st) {
     sockaddr_in peer{};
     socklen_t len = sizeof(peer);
-    int sock = accept(cfg.listen_sock, reinterpret_cast<sockaddr*>(&peer), &len);
+    int sock = accept4(cfg.listen_sock, reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);
     if (sock < 0) {
+        if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return false;
         // Out of descriptors (or another failure): back off instead of spinning on it.
         st->accept_resume = net_clock::now() + kAcceptBackoff;
         if (may_log(&st->next_refusal_log)) cfg.on_accept_fail(cfg.listen_sock, sock);
-        return;
+        return false;
     }
     uint32_t addr = peer.sin_addr.s_addr;
     if (const char* why = refusal(*st, sock, addr)) {
@@ -106,11 +109,19 @@ void accept_client(const loop_config& cfg, loop_state* st) {
                        cfg.port, why);
         }
         close(sock);
-        return;
+        return true;
     }
     socket_set_timeouts(sock, kClientTimeoutSeconds);
     conn_open(free_slot(st), sock, addr);
     cfg.on_accepted(sock);
+    return true;
+}
+
+// A burst of connections is taken in one pass, so the listen queue never overflows into
+// the clients' SYN retransmissions; the listening socket is non-blocking for this.
+void accept_waiting(const loop_config& cfg, loop_state* st) {
+    for (int i = 0; i < kMaxClientsPerPort && accept_client(cfg, st); ++i) {
+    }
 }
 
 void close_client(const loop_config& cfg, net_conn* conn) {
@@ -182,6 +193,8 @@ void run_loop(const loop_config& cfg) {
     loop_state st;
     for (net_conn& c : st.conns) conn_open(&c, -1, 0);
     st.descriptor_ceiling = descriptor_ceiling();
+    if (cfg.listen_sock >= 0)
+        fcntl(cfg.listen_sock, F_SETFL, fcntl(cfg.listen_sock, F_GETFL) | O_NONBLOCK);
     bool pending = false;  // a request is already in a buffer: do not wait for more bytes
 
     while (get_stop_flag() != 1) {
@@ -202,7 +215,7 @@ void run_loop(const loop_config& cfg) {
         if (n == 0) FD_ZERO(&ready);
         // Connections first: one accepted in this pass is served from the next.
         pending = serve_pass(cfg, &st, ready);
-        if (accept_now) accept_client(cfg, &st);
+        if (accept_now) accept_waiting(cfg, &st);
     }
 }
 
