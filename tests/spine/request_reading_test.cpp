@@ -156,7 +156,7 @@ TEST(ReadRequest, PipelinedRequestIsKeptForTheNextReadAndNeverCountedAsBody) {
 TEST(ReadRequest, NulByteInTheHeaderBlockIsMalformed) {
     Pair p;
     auto msg = std::make_unique<net_message>();
-    ASSERT_TRUE(p.send(std::string("GET /a\0b HTTP/1.1\r\n\r\n", 23)));
+    ASSERT_TRUE(p.send(std::string("GET /a\0b HTTP/1.1\r\n\r\n", 21)));
     int n = 0;
     std::string out = captured_read(p, msg.get(), &n);
     EXPECT_LT(n, 0);

@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::string_view kEndOfHeaders = "\r\n\r\n";
 constexpr std::string_view kContentLength = "Content-Length:";
+constexpr size_t kIdleBufferCapacity = 8192;
 
 // Where the header block at the start of conn->in stands.
 struct header_scan {
@@ -57,8 +58,11 @@ void log_closed_by_peer(const net_conn* conn, int result) {
     log_tagged(zor_log::kBlue, "Read from sockfd failed(%d) from sockfd(%d)\n", result, conn->sock);
 }
 
+// An idle connection gives back what a large request made its buffer grow to.
 void drop_front(net_conn* conn, size_t count) {
     conn->in.erase(conn->in.begin(), conn->in.begin() + static_cast<std::ptrdiff_t>(count));
+    if (conn->in.empty() && conn->in.capacity() > kIdleBufferCapacity)
+        std::vector<char>().swap(conn->in);
 }
 
 // Bytes owed to an unread body are dropped first, from what is held.
