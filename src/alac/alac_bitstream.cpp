@@ -10,7 +10,7 @@ namespace {
 // The four bytes at byte pos, first byte highest. Bytes past the end of the frame read as
 // zero: a damaged frame may ask for more bits than it holds.
 inline uint32_t load32(const uint8_t* data, size_t size, size_t pos) {
-    if (pos < size && size - pos >= 4) {
+    if (size >= 4 && pos <= size - 4) {
         const uint8_t* p = data + pos;
         return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
     }
@@ -133,7 +133,9 @@ inline int32_t read_value(alac_decoder* d, bit_cursor* c, int e, int k, uint32_t
     if (x > 8 || static_cast<unsigned>(k - 1) > 15u) [[unlikely]] {
         return read_value_slowly(d, c, e, k, m);
     }
-    if (k == 1) {
+    // With k = 1 the value is the count of ones. The general case below gives that too
+    // (one extra bit, always given back) unless the mask clears bit 0.
+    if (k == 1 && (m & 1u) == 0) {
         c->bit += static_cast<size_t>(x) + 1;
         return x;
     }

@@ -28,16 +28,23 @@ inline void adapt(int16_t* c, int n, int q, const int32_t* b, int32_t e) {
     }
 }
 
-// One predicted sample from the n samples after b[0], relative to b[0].
-inline int32_t predict(const int16_t* c, int n, int q, const int32_t* b) {
-    const uint32_t base = static_cast<uint32_t>(b[0]);
+// The sum of the n coefficients.
+inline uint32_t coefficient_sum(const int16_t* c, int n) {
+    uint32_t sum = 0;
+#pragma GCC unroll 8
+    for (int j = 0; j < n; ++j) sum += static_cast<uint32_t>(int32_t{c[j]});
+    return sum;
+}
+
+// The sum of c[j] × (b[n - j] − b[0]), taken as the sum of c[j] × b[n - j] less b[0] times
+// the sum of the coefficients: the same number in wrapping arithmetic, one step fewer a tap.
+inline uint32_t weighted_sum(const int16_t* c, int n, const int32_t* b, uint32_t c_sum) {
     uint32_t sum = 0;
 #pragma GCC unroll 8
     for (int j = 0; j < n; ++j) {
-        sum += static_cast<uint32_t>(int32_t{c[j]}) * (static_cast<uint32_t>(b[n - j]) - base);
+        sum += static_cast<uint32_t>(int32_t{c[j]}) * static_cast<uint32_t>(b[n - j]);
     }
-    const uint32_t rounding = q > 0 ? 1u << (q - 1) : 0u;
-    return static_cast<int32_t>(sum + rounding) >> q;
+    return sum - static_cast<uint32_t>(b[0]) * c_sum;
 }
 
 // Samples n + 1 onwards. N is the order when it is known at compile time (the loops then
@@ -47,16 +54,24 @@ void predict_and_adapt(const int32_t* r, int32_t* out, int count, int read_size,
                        int order, int q) {
     using alac_arith::add;
     const int n = N > 0 ? N : order;
+    // sign_extend to read_size bits as a shift pair and a mask; sizes of 0 and less (only in
+    // damaged frames) leave no bits.
+    const int wrap = 32 - std::clamp(read_size, 1, 32);
+    const int32_t keep = read_size > 0 ? -1 : 0;
+    const uint32_t rounding = q > 0 ? 1u << (q - 1) : 0u;
+    uint32_t c_sum = coefficient_sum(c, n);
     for (int i = n + 1; i < count; ++i) {
         const int32_t* b = out + i - n - 1;
         const int32_t e = r[i];
-        const int32_t sample = add(add(predict(c, n, q, b), b[0]), e);
-        out[i] = alac_arith::sign_extend(sample, read_size);
+        const int32_t p = static_cast<int32_t>(weighted_sum(c, n, b, c_sum) + rounding) >> q;
+        out[i] = (alac_arith::shl(add(add(p, b[0]), e), wrap) >> wrap) & keep;
+        if (e == 0) continue;
         if (e > 0) {
             adapt<1>(c, n, q, b, e);
-        } else if (e < 0) {
+        } else {
             adapt<-1>(c, n, q, b, e);
         }
+        c_sum = coefficient_sum(c, n);
     }
 }
 
