@@ -7,20 +7,24 @@
 
 namespace {
 
-// The three bytes at the read position, first byte highest. Bytes past the end of the frame
-// read as zero: a damaged frame may ask for more bits than it holds.
-inline uint32_t peek24(const alac_decoder* d) {
-    const size_t pos = d->input_pos;
-    if (pos < d->input_size && d->input_size - pos >= 3) {
-        const uint8_t* p = d->input + pos;
-        return (uint32_t{p[0]} << 16) | (uint32_t{p[1]} << 8) | p[2];
+// The four bytes at byte pos, first byte highest. Bytes past the end of the frame read as
+// zero: a damaged frame may ask for more bits than it holds.
+inline uint32_t load32(const uint8_t* data, size_t size, size_t pos) {
+    if (size >= 4 && pos <= size - 4) {
+        const uint8_t* p = data + pos;
+        return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
     }
     uint32_t window = 0;
-    for (size_t k = 0; k < 3; ++k) {
+    for (size_t k = 0; k < 4; ++k) {
         window <<= 8;
-        if (pos + k < d->input_size) window |= d->input[pos + k];
+        if (pos + k < size) window |= data[pos + k];
     }
     return window;
+}
+
+// The three bytes at the read position, first byte highest.
+inline uint32_t peek24(const alac_decoder* d) {
+    return load32(d->input, d->input_size, d->input_pos) >> 8;
 }
 
 inline void advance(alac_decoder* d, int n) {
@@ -97,25 +101,74 @@ inline int32_t unfold(int32_t v) {
 
 }  // namespace
 
+namespace {
+
+// The read position of a block of residuals, kept in a register while the block is decoded
+// and handed back to the decoder at its end (or for a value the fast path leaves alone).
+struct bit_cursor {
+    const uint8_t* data;
+    size_t size;
+    size_t bit;  // bits consumed since data
+};
+
+// At least the next 25 bits, left-aligned, zeros below them.
+inline uint32_t peek(const bit_cursor& c) {
+    return load32(c.data, c.size, c.bit >> 3) << (c.bit & 7);
+}
+
+// Escapes and parameters outside 1..16 go through the decoder's own reader.
+int32_t read_value_slowly(alac_decoder* d, bit_cursor* c, int e, int k, uint32_t m) {
+    d->input_pos = c->bit >> 3;
+    d->bit_offset = static_cast<int>(c->bit & 7);
+    const int32_t value = rice_read_value(d, e, k, m);
+    c->bit = d->input_pos * 8 + static_cast<size_t>(d->bit_offset);
+    return value;
+}
+
+// rice_read_value from one peek: a prefix of up to 8 ones, its zero and k <= 16 extra bits
+// make at most 25 bits.
+inline int32_t read_value(alac_decoder* d, bit_cursor* c, int e, int k, uint32_t m) {
+    const uint32_t window = peek(*c);
+    const int x = std::countl_one(window);
+    if (x > 8 || static_cast<unsigned>(k - 1) > 15u) [[unlikely]] {
+        return read_value_slowly(d, c, e, k, m);
+    }
+    // With k = 1 the value is the count of ones. The general case below gives that too
+    // (one extra bit, always given back) unless the mask clears bit 0.
+    if (k == 1 && (m & 1u) == 0) {
+        c->bit += static_cast<size_t>(x) + 1;
+        return x;
+    }
+    const uint32_t extra = (window << (x + 1)) >> (32 - k);
+    const uint32_t scaled = static_cast<uint32_t>(x) * (((1u << k) - 1) & m);
+    // Extra values 0 and 1 are coded in k - 1 bits: the last bit belongs to the next value.
+    const bool full = extra > 1;
+    c->bit += static_cast<size_t>(x + k + (full ? 1 : 0));
+    return static_cast<int32_t>(full ? scaled + extra - 1 : scaled);
+}
+
+}  // namespace
+
 void rice_decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_history,
                        int limit, int history_mult, uint32_t run_mask) {
     using namespace alac_arith;
+    bit_cursor c{d->input, d->input_size, d->input_pos * 8 + static_cast<size_t>(d->bit_offset)};
     int32_t history = initial_history;
     int32_t sign_modifier = 0;
     for (int i = 0; i < count; ++i) {
         const int k = residual_parameter(history, limit);
-        const int32_t v = add(rice_read_value(d, e, k, 0xFFFFFFFFu), sign_modifier);
+        const int32_t v = add(read_value(d, &c, e, k, 0xFFFFFFFFu), sign_modifier);
         out[i] = unfold(v);
         sign_modifier = 0;
         history = sub(add(history, mul(v, history_mult)), mul(history, history_mult) >> 9);
         if (v > 0xFFFF) history = 0xFFFF;
 
-        if (history < 128 && i + 1 < count) {
+        if (history < 128 && i + 1 < count) [[unlikely]] {
             // Quiet passage: a count of zero residuals follows.
             sign_modifier = 1;
             const int run_k =
                 std::countl_zero(static_cast<uint32_t>(history)) + (history + 16) / 64 - 24;
-            const int32_t run = rice_read_value(d, 16, run_k, run_mask);
+            const int32_t run = read_value(d, &c, 16, run_k, run_mask);
             if (run > 0) {
                 const int fill = std::min(run, count - i - 1);
                 std::fill(out + i + 1, out + i + 1 + fill, 0);
@@ -125,4 +178,6 @@ void rice_decode_block(alac_decoder* d, int32_t* out, int count, int e, int init
             history = 0;
         }
     }
+    d->input_pos = c.bit >> 3;
+    d->bit_offset = static_cast<int>(c.bit & 7);
 }

@@ -27,12 +27,23 @@ inline void unmix(int32_t a, int32_t b, int shift, int weight, int32_t* left, in
 
 void stereo_interleave_16(const int32_t* a, const int32_t* b, uint8_t* out, int channels, int count,
                           int shift, int weight) {
+    using alac_arith::add;
+    using alac_arith::sub;
+    // One loop for each case, so that the per-sample work has no branch.
+    const size_t stride = static_cast<size_t>(channels) * 2;
+    if (weight == 0) {
+        for (int i = 0; i < count; ++i) {
+            uint8_t* slot = out + static_cast<size_t>(i) * stride;
+            put16(slot, a[i]);
+            put16(slot + 2, b[i]);
+        }
+        return;
+    }
+    const int bits = std::clamp(shift, 0, 31);
     for (int i = 0; i < count; ++i) {
-        int32_t left;
-        int32_t right;
-        unmix(a[i], b[i], shift, weight, &left, &right);
-        uint8_t* slot = out + static_cast<size_t>(i) * channels * 2;
-        put16(slot, left);
+        const int32_t right = sub(a[i], alac_arith::mul(b[i], weight) >> bits);
+        uint8_t* slot = out + static_cast<size_t>(i) * stride;
+        put16(slot, add(right, b[i]));
         put16(slot + 2, right);
     }
 }
