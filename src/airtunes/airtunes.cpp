@@ -80,15 +80,17 @@ bool accept_sender(media_session* session, std::string_view text) {
     std::array<char, kDeviceIdField> id{};
     size_t at = text.find(kDeviceIdKey);
     if (at != std::string_view::npos) {
-        std::string_view value = text.substr(std::min(text.size(), at + kDeviceIdKey.size() + 1),
-                                             kDeviceIdLength);
+        std::string_view value =
+            text.substr(std::min(text.size(), at + kDeviceIdKey.size() + 1), kDeviceIdLength);
         std::memcpy(id.data(), value.data(), value.size());
     } else {
         log_tagged(zor_log::kYellow, "ANNOUNCE packet doesnt have X-Apple-Device-ID");
     }
     if (session->owner_device_id[0] != '\0') {
-        log_tagged(zor_log::kBlue, "zor_airplay already established connection with another device");
-        if (id[0] == '\0' || std::memcmp(session->owner_device_id, id.data(), kDeviceIdField) != 0) {
+        log_tagged(zor_log::kBlue,
+                   "zor_airplay already established connection with another device");
+        if (id[0] == '\0' ||
+            std::memcmp(session->owner_device_id, id.data(), kDeviceIdField) != 0) {
             log_tagged(zor_log::kBlue, "X-Apple-Device-ID is different, block it");
             return false;
         }
@@ -157,8 +159,9 @@ int recognise(media_session* session, net_conn* conn, int n, std::string_view te
     }
     if (text.starts_with("POST /fp-setup")) {
         log_tagged(zor_log::kBlue, "%s", kLine80);
-        log_tagged(zor_log::kBlue,
-                   "Air-tunes stumble upon a /fp-setup request, this is fatal since iOS version 6.1");
+        log_tagged(
+            zor_log::kBlue,
+            "Air-tunes stumble upon a /fp-setup request, this is fatal since iOS version 6.1");
         log_tagged(zor_log::kBlue, "%s", kLine80);
     }
     return 501;

@@ -55,9 +55,9 @@ TEST(AirtunesUnit, HexPairsAndChallengeMessage) {
 }
 
 TEST(AirtunesUnit, VolumeMapping) {
-    const std::pair<double, int> table[] = {{-30.0, -15}, {-20.5, -10}, {-15.0, -7}, {-2.0, -1},
-                                            {-1.0, 0},    {0.0, 0},     {-144.0, -15},
-                                            {1e300, 500000}, {-1e300, -15}};
+    const std::pair<double, int> table[] = {{-30.0, -15},  {-20.5, -10},    {-15.0, -7},
+                                            {-2.0, -1},    {-1.0, 0},       {0.0, 0},
+                                            {-144.0, -15}, {1e300, 500000}, {-1e300, -15}};
     for (auto [db, box] : table) EXPECT_EQ(airtunes_volume_to_box(db), box) << db;
 }
 

@@ -13,11 +13,11 @@
 
 namespace {
 
-constexpr size_t kAttributeSize = 512;   // values up to 511 characters
-constexpr size_t kCipherSize = 512;      // decoded "a=rsaaeskey:"
-constexpr int kCipherLength = 256;       // cipher text of the 2048-bit key
-constexpr size_t kStreamKeySize = 256;   // decrypted key (16 bytes for AES-128)
-constexpr size_t kTokenSize = 10;        // fmtp tokens up to 9 characters
+constexpr size_t kAttributeSize = 512;  // values up to 511 characters
+constexpr size_t kCipherSize = 512;     // decoded "a=rsaaeskey:"
+constexpr int kCipherLength = 256;      // cipher text of the 2048-bit key
+constexpr size_t kStreamKeySize = 256;  // decrypted key (16 bytes for AES-128)
+constexpr size_t kTokenSize = 10;       // fmtp tokens up to 9 characters
 
 // Decrypts the stream key and makes aes_key its decryption schedule. The key file is read
 // outside the record's lock; only the schedule's replacement happens under it. A failed

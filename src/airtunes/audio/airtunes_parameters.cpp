@@ -22,8 +22,7 @@ bool contains(std::string_view text, std::string_view needle) {
     return text.find(needle) != std::string_view::npos;
 }
 
-void write_file(const char* path, const char* mode, const void* data, size_t size,
-                bool log_short) {
+void write_file(const char* path, const char* mode, const void* data, size_t size, bool log_short) {
     FILE* f = std::fopen(path, mode);
     if (f == nullptr) return;
     if (std::fwrite(data, 1, size, f) != size && log_short) LOG_ERROR_HERE("error in fwrite\n");
@@ -79,8 +78,8 @@ int airtunes_dmap_line(const uint8_t* body, size_t count, char* out) {
     size_t pos = kDmapHeader;
     while (pos < count && count - pos >= kDmapHeader) {
         const uint8_t* item = body + pos;
-        size_t length = (size_t{item[4]} << 24) | (size_t{item[5]} << 16) |
-                        (size_t{item[6]} << 8) | size_t{item[7]};
+        size_t length = (size_t{item[4]} << 24) | (size_t{item[5]} << 16) | (size_t{item[6]} << 8) |
+                        size_t{item[7]};
         if (length > count - pos - kDmapHeader) break;
         for (size_t t = 0; t < kTags.size(); ++t)
             if (std::memcmp(item, kTags[t], 4) == 0)

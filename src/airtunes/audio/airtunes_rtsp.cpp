@@ -1,5 +1,7 @@
 // Helpers every RTSP handler shares: the request text, CSeq, bounded reply lines, body
 // reading with the service's caps, and the Apple-Challenge answer.
+#include "airtunes/audio/airtunes_rtsp.h"
+
 #include <unistd.h>
 
 #include <array>
@@ -9,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "airtunes/audio/airtunes_rtsp.h"
 #include "tools/decipher/address.h"
 #include "tools/decipher/base64.h"
 #include "tools/decipher/challenge.h"
@@ -71,8 +72,8 @@ int airtunes_apple_response(const char* head, char* reply_head) {
     std::array<char, kIpTextSize> ip{};
     get_ip_address(ip.data());
     std::array<uint8_t, kChallengeMessageCapacity> message{};
-    int length = challenge_message(challenge.data(), n, ip.data(), read_mac_address(),
-                                   message.data());
+    int length =
+        challenge_message(challenge.data(), n, ip.data(), read_mac_address(), message.data());
 
     std::array<char, kAnswerSize> answer{};
     if (!rsa_sign_base64(length, message.data(), answer.data(), answer.size())) {
