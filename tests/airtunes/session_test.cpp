@@ -88,29 +88,6 @@ TEST(AirtunesSession, WholeSessionAndOwnership) {
     EXPECT_EQ(a.announce(), kRefused);
 }
 
-// Needs the audio status poll (the audio path); without it nothing here can be observed.
-TEST(AirtunesSession, WhilePlaying) {
-    Box box;
-    ASSERT_TRUE(box.start({"--aod-status", "play"}));
-    AirtunesSender a;
-    a.connect();
-    start_stream(a);
-    std::string r;
-    if (!wait_until([&] { return (r = a.request("OPTIONS")).find("Public:") != std::string::npos; },
-                    std::chrono::seconds(4)))
-        GTEST_SKIP() << "the daemon does not poll the audio status";
-    EXPECT_EQ(r, kOk + kJack + "CSeq: " + std::to_string(a.cseq) +
-                     "\r\nPublic: ANNOUNCE, SETUP, RECORD, PAUSE, FLUSH, TEARDOWN, OPTIONS, "
-                     "GET_PARAMETER, SET_PARAMETER, POST, GET\r\n\r\n");
-    r = a.request("FLUSH");
-    EXPECT_EQ(r, ok_lines(a));
-    EXPECT_TRUE(a.announce().starts_with(kOk + "Apple-Response: "));  // stops the stream first
-    EXPECT_EQ(count(box, "stop_aod"), 1u);
-    r = a.request("TEARDOWN");
-    EXPECT_EQ(r, kOk + "Server: AirTunes/130.14\r\nConnection: close\r\nCSeq: " +
-                     std::to_string(a.cseq) + "\r\n\r\n");
-}
-
 TEST(AirtunesSession, AnnounceStopsVideoAndKeyStop) {
     Box box;
     ASSERT_TRUE(box.start({"--vod-status", "play"}));
