@@ -8,7 +8,8 @@
 #   - /opt/zor/app/airplay/RAOPKey.rsa, a 2048-bit RSA key (PKCS#1 PEM) made for this run,
 #     with its public half in RAOPKey.pub;
 #   - a sysfs of the new network, so /sys/class/net/eth0/address shows eth0's MAC;
-#   - BusyBox's ifconfig first on PATH, which prints "inet addr:" as the box's does;
+#   - BusyBox's ifconfig (which prints "inet addr:" as the box's does) and wget first on
+#     PATH, the two the daemon runs through the shell;
 #   - its own PID namespace: whatever CMD leaves running dies with it.
 # CMD sees ZOR_SANDBOX=1, ZOR_ETH0_MAC, ZOR_ETH0_IP, ZOR_SENDER_IP, ZOR_RSA_KEY, ZOR_RSA_PUBKEY.
 #
@@ -74,6 +75,7 @@ inner() {
     local busybox
     busybox=$(command -v busybox) || die "busybox is missing (apt-get install busybox)"
     ln -s "$busybox" "$BIN_DIR/ifconfig"
+    ln -s "$busybox" "$BIN_DIR/wget"
 
     wait "$keygen" || die "openssl genrsa failed"
     openssl rsa -in "$KEY_DIR/RAOPKey.rsa" -pubout -out "$KEY_DIR/RAOPKey.pub" >/dev/null 2>&1 ||
