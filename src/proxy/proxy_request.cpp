@@ -153,8 +153,9 @@ char* add_header_line(char* block, const char* line) {
     size_t crlf = text.find("\r\n\r\n");
     size_t lf = text.find("\n\n");
     size_t at = std::min(crlf, lf);
-    if (at == std::string_view::npos || at > kTextSize - 4) return block;
+    if (at == std::string_view::npos) return block;
     size_t pos = at + (at == crlf ? 2 : 1);
+    if (pos + 5 > kTextSize) return block;  // no room left for the blank line and its NUL
     for (const char* c = line; *c != '\0' && pos + 5 <= kTextSize - 1; ++c) block[pos++] = *c;
     std::memcpy(block + pos, "\r\n\r\n", 5);  // with the closing NUL
     return block;

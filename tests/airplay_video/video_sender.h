@@ -53,6 +53,10 @@ class VideoSender {
             timeout);
     }
 
+    // The events received so far, as text; clear_events forgets them.
+    const std::string& events() const { return events_; }
+    void clear_events() { events_.clear(); }
+
     // A POST /play with this content type and body, the head sent first and the body in a
     // later segment when split is set. Returns the reply ("" when the connection closed).
     std::string play(const std::string& content_type, const std::string& body, bool split = false) {
