@@ -91,12 +91,18 @@ void VodPlayer::fetch_main(std::string url, unsigned generation,
     streams.push_back(std::make_unique<HttpStream>());
     if (!streams.back()->open(u, "GET", "Accept: */*\r\n", cancelled, &error)) return fail(error);
     long long total = streams.back()->content_length();
-    {
-        HttpStream check;
-        if (!check.open(u, "HEAD", kPlayerAgent, cancelled, &error))
-            say("vod: HEAD of " + url + " failed: " + error);
-    }
+    std::thread check([&u, &url, cancel] {
+        auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        StopCheck stop = [&] {
+            return cancel->load() || std::chrono::steady_clock::now() > give_up;
+        };
+        HttpStream head;
+        std::string why;
+        if (!head.open(u, "HEAD", kPlayerAgent, stop, &why))
+            say("vod: HEAD of " + url + " failed: " + why);
+    });
     stream_and_seek(u, total, &streams, cancel, on_body);
+    check.join();
 }
 
 // Reads the current stream; a seek leaves it open and unread (as the box's player does) and
