@@ -19,7 +19,7 @@ namespace {
 
 // A relay's pipe: bytes move socket -> pipe -> socket inside the kernel, never through
 // user memory. A bigger pipe means fewer calls per MiB.
-constexpr int kPipeSize = 256 * 1024;
+constexpr int kPipeSize = 1024 * 1024;
 constexpr int kCopyChunk = 64 * 1024;
 
 class fd_pair {
@@ -110,7 +110,11 @@ struct copy_buffer {
 };
 ssize_t copy_take(int from, void* ctx, size_t count) {
     auto* b = static_cast<copy_buffer*>(ctx);
-    if (b->start == b->end) b->start = b->end = 0;
+    if (b->end == b->bytes.size()) {  // room again at the front: the rest moves there
+        std::memmove(b->bytes.data(), b->bytes.data() + b->start, b->end - b->start);
+        b->end -= b->start;
+        b->start = 0;
+    }
     count = std::min(count, b->bytes.size() - b->end);
     ssize_t n = step_result(recv(from, b->bytes.data() + b->end, count, MSG_DONTWAIT));
     if (n > 0) b->end += static_cast<size_t>(n);
