@@ -11,6 +11,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
 
 #include "airplay/airplay.h"
 #include "airtunes/airtunes.h"
@@ -19,10 +23,12 @@
 #include "tools/utils/conn.h"
 #include "tools/utils/log.h"
 #include "tools/utils/net.h"
+#include "tools/utils/worker_pool.h"
 
 namespace {
 
 constexpr int kMaxClientsPerPort = 32;
+constexpr int kProxyWorkers = 8;
 constexpr int kMaxClientsPerPeer = 16;
 // Descriptors kept free for the FIFOs, files, player connections and UDP sockets the daemon
 // still has to open while a flood holds everything else.
@@ -41,18 +47,55 @@ struct loop_config {
     void (*on_accepted)(int sock);
     void (*before_close)(int sock);
     void (*on_close_fail)(int sock);
+    // > 0: each ready request is served on one of at most this many worker threads, for
+    // services whose requests may block for long; the connection leaves the select set
+    // until its worker hands it back. 0: served on the loop's own thread.
+    int workers = 0;
+    // Null, or whether a peer (IPv4, network byte order) may connect to this port at all.
+    bool (*peer_allowed)(uint32_t peer) = nullptr;
 };
 
 void nothing(int) {}
 void nothing2(int, int) {}
 
+// The pipe through which workers wake their loop.
+struct wake_pipe {
+    int fds[2] = {-1, -1};
+    wake_pipe() {
+        if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) fds[0] = fds[1] = -1;
+    }
+    ~wake_pipe() {
+        for (int fd : fds)
+            if (fd >= 0) close(fd);
+    }
+    wake_pipe(const wake_pipe&) = delete;
+    wake_pipe& operator=(const wake_pipe&) = delete;
+};
+
+// Connections lent to workers. A worker serves its connection alone, then queues it in
+// `done` with whether it is to be closed and writes a byte into the pipe, which is in the
+// loop's select set; only the loop closes or serves it again.
+struct lending {
+    explicit lending(int workers) : pool(workers) {}
+    wake_pipe wake;
+    std::mutex lock;                              // guards done
+    std::vector<std::pair<net_conn*, bool>> done;
+    worker_pool pool;  // last: joined before the pipe and the queue go
+};
+
 // One loop's connections and its guards against floods.
 struct loop_state {
     std::array<net_conn, kMaxClientsPerPort> conns;  // sock < 0: free slot
+    std::array<bool, kMaxClientsPerPort> lent{};     // conns[i] is with a worker: hands off
     int descriptor_ceiling = FD_SETSIZE;             // accepted numbers must stay below it
     net_deadline accept_resume{};                    // no accept before this (back-off)
     net_deadline next_refusal_log{};                 // refusals are logged once a second
+    std::unique_ptr<lending> lend;  // null without workers; last: workers end before conns
 };
+
+size_t slot_of(const loop_state& st, const net_conn* conn) {
+    return static_cast<size_t>(conn - st.conns.data());
+}
 
 // A flood must not flood the log: one line per interval, whatever the rate.
 bool may_log(net_deadline* next) {
@@ -69,7 +112,8 @@ int descriptor_ceiling() {
 }
 
 // Why a new connection cannot be taken, or null when it can.
-const char* refusal(const loop_state& st, int sock, uint32_t peer) {
+const char* refusal(const loop_config& cfg, const loop_state& st, int sock, uint32_t peer) {
+    if (cfg.peer_allowed != nullptr && !cfg.peer_allowed(peer)) return "peer not allowed here";
     if (sock >= st.descriptor_ceiling) return "descriptor beyond select's limit or the reserve";
     int total = 0, same_peer = 0;
     for (const net_conn& c : st.conns) {
@@ -101,7 +145,7 @@ bool accept_client(const loop_config& cfg, loop_state* st) {
         return false;
     }
     uint32_t addr = peer.sin_addr.s_addr;
-    if (const char* why = refusal(*st, sock, addr)) {
+    if (const char* why = refusal(cfg, *st, sock, addr)) {
         if (may_log(&st->next_refusal_log)) {
             char text[INET_ADDRSTRLEN] = "?";
             inet_ntop(AF_INET, &peer.sin_addr, text, sizeof(text));
@@ -132,14 +176,60 @@ void close_client(const loop_config& cfg, net_conn* conn) {
         cfg.on_close_fail(conn->sock);
 }
 
-// Serves the connection's ready request, if it has one, and closes it when it is done.
-// Returns true when the next request already waits in its buffer (pipelined).
-bool serve_one(const loop_config& cfg, net_conn* conn, conn_state state) {
-    if (state == kConnWaiting) return false;
-    if (state == kConnReady && !cfg.serve(conn) && conn_finish_request(conn)) {
-        state = conn_check(conn);
+// After a request was served: closes the connection, or keeps it. Returns true when the
+// next request already waits in its buffer (pipelined).
+bool after_serve(const loop_config& cfg, net_conn* conn, bool close) {
+    if (!close && conn_finish_request(conn)) {
+        conn_state state = conn_check(conn);
         if (state != kConnBroken) return state == kConnReady;
     }
+    close_client(cfg, conn);
+    return false;
+}
+
+void lend_to_worker(const loop_config& cfg, loop_state* st, net_conn* conn) {
+    st->lent[slot_of(*st, conn)] = true;
+    lending* l = st->lend.get();
+    l->pool.submit([l, conn, serve = cfg.serve] {
+        bool close_it = serve(conn);
+        {
+            std::lock_guard<std::mutex> hold(l->lock);
+            l->done.emplace_back(conn, close_it);
+        }
+        char byte = 1;
+        if (write(l->wake.fds[1], &byte, 1) < 0) {
+            // Full: the loop is woken already and takes every returned connection.
+        }
+    });
+}
+
+// Takes back what the workers have finished. Returns true when a request waits (pipelined).
+bool take_back(const loop_config& cfg, loop_state* st) {
+    std::array<char, 64> drain;
+    while (read(st->lend->wake.fds[0], drain.data(), drain.size()) > 0) {
+    }
+    std::vector<std::pair<net_conn*, bool>> done;
+    {
+        std::lock_guard<std::mutex> hold(st->lend->lock);
+        done.swap(st->lend->done);
+    }
+    bool more = false;
+    for (auto [conn, close_it] : done) {
+        st->lent[slot_of(*st, conn)] = false;
+        if (after_serve(cfg, conn, close_it)) more = true;
+    }
+    return more;
+}
+
+// Serves the connection's ready request, if it has one, and closes it when it is done.
+// Returns true when the next request already waits in its buffer (pipelined).
+bool serve_one(const loop_config& cfg, loop_state* st, net_conn* conn, conn_state state) {
+    if (state == kConnWaiting) return false;
+    if (state == kConnReady && st->lend != nullptr) {
+        lend_to_worker(cfg, st, conn);
+        return false;
+    }
+    if (state == kConnReady) return after_serve(cfg, conn, cfg.serve(conn));
     close_client(cfg, conn);
     return false;
 }
@@ -160,8 +250,9 @@ int prepare(const loop_config& cfg, const loop_state& st, fd_set* set, timeval* 
     else
         wake = std::min(wake, st.accept_resume);
     add(get_stop_fd());
+    if (st.lend != nullptr) add(st.lend->wake.fds[0]);
     for (const net_conn& c : st.conns) {
-        if (c.sock < 0) continue;
+        if (c.sock < 0 || st.lent[slot_of(st, &c)]) continue;
         if (!c.peer_closed) add(c.sock);
         if (c.in_request) wake = std::min(wake, c.deadline);
     }
@@ -177,14 +268,14 @@ bool serve_pass(const loop_config& cfg, loop_state* st, const fd_set& ready) {
     std::array<net_conn*, kMaxClientsPerPort> order{};
     int n = 0;
     for (net_conn& c : st->conns)
-        if (c.sock >= 0) order[static_cast<size_t>(n++)] = &c;
+        if (c.sock >= 0 && !st->lent[slot_of(*st, &c)]) order[static_cast<size_t>(n++)] = &c;
     std::sort(order.begin(), order.begin() + n,
               [](const net_conn* a, const net_conn* b) { return a->sock < b->sock; });
     bool more = false;
     for (int i = 0; i < n; ++i) {
         net_conn* conn = order[static_cast<size_t>(i)];
         bool readable = conn->sock < FD_SETSIZE && FD_ISSET(conn->sock, &ready);
-        if (serve_one(cfg, conn, readable ? conn_receive(conn) : conn_check(conn))) more = true;
+        if (serve_one(cfg, st, conn, readable ? conn_receive(conn) : conn_check(conn))) more = true;
     }
     return more;
 }
@@ -193,6 +284,7 @@ void run_loop(const loop_config& cfg) {
     loop_state st;
     for (net_conn& c : st.conns) conn_open(&c, -1, 0);
     st.descriptor_ceiling = descriptor_ceiling();
+    if (cfg.workers > 0) st.lend = std::make_unique<lending>(cfg.workers);
     if (cfg.listen_sock >= 0)
         fcntl(cfg.listen_sock, F_SETFL, fcntl(cfg.listen_sock, F_GETFL) | O_NONBLOCK);
     bool pending = false;  // a request is already in a buffer: do not wait for more bytes
@@ -215,6 +307,8 @@ void run_loop(const loop_config& cfg) {
         if (n == 0) FD_ZERO(&ready);
         // Connections first: one accepted in this pass is served from the next.
         pending = serve_pass(cfg, &st, ready);
+        if (st.lend != nullptr && FD_ISSET(st.lend->wake.fds[0], &ready))
+            pending = take_back(cfg, &st) || pending;
         if (accept_now) accept_waiting(cfg, &st);
     }
 }
@@ -300,6 +394,9 @@ void* airplay_video_proxy_server(void*) {
             [](int sock) {
                 LOG_ERROR_AT_FN("airplay_video_proxy_server", "close fail(%d)\n", sock);
             },
+        // A relay lasts as long as the media does; the player's other connections go on.
+        .workers = kProxyWorkers,
+        .peer_allowed = proxy_peer_allowed,
     };
     run_loop(cfg);
     return nullptr;

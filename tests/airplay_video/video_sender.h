@@ -15,6 +15,7 @@
 
 #include "airplay/airplay_test_util.h"
 #include "support/box.h"
+#include "support/media_server.h"
 
 namespace zt {
 
@@ -52,6 +53,10 @@ class VideoSender {
             },
             timeout);
     }
+
+    // The events received so far, as text; clear_events forgets them.
+    const std::string& events() const { return events_; }
+    void clear_events() { events_.clear(); }
 
     // A POST /play with this content type and body, the head sent first and the body in a
     // later segment when split is set. Returns the reply ("" when the connection closed).
@@ -107,40 +112,9 @@ class VideoSender {
     int sessions_ = 0;
 };
 
-// The sender's media server on 192.0.2.20:8080: answers every request with a short
-// video-like body, so a player that fetches the media finds it.
-class MediaServer {
-   public:
-    bool start() {
-        fd_ = listen_on("192.0.2.20", 8080);
-        if (fd_ < 0) return false;
-        thread_ = std::thread([this] {
-            while (!stop_) {
-                int c = accept_one(fd_, std::chrono::milliseconds(100));
-                if (c < 0) continue;
-                Client peer(c);
-                std::string request = peer.recv_message(std::chrono::seconds(2));
-                ++requests_;
-                std::string body(4096, 'v');
-                peer.send("HTTP/1.1 200 OK\r\nContent-Type: video/mp4\r\nContent-Length: " +
-                          std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" +
-                          (request.starts_with("HEAD") ? "" : body));
-            }
-        });
-        return true;
-    }
-    int requests() const { return requests_; }
-    ~MediaServer() {
-        stop_ = true;
-        if (thread_.joinable()) thread_.join();
-        if (fd_ >= 0) ::close(fd_);
-    }
-
-   private:
-    int fd_ = -1;
-    std::atomic<bool> stop_{false};
-    std::atomic<int> requests_{0};
-    std::thread thread_;
+// The sender's media server on 192.0.2.20:8080, with a short video-like body.
+struct MediaServer : MediaFileServer {
+    bool start() { return MediaFileServer::start(std::string(4096, 'v')); }
 };
 
 // The player's commands apart from the monitor's status queries, in order.

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 
 #include "sim_util.h"
@@ -22,10 +23,10 @@ constexpr int kIdleTimeoutMs = 30000;  // a stalled server counts as a failed fe
 constexpr size_t kMaxResponseHead = 16384;
 constexpr int kSliceMs = 100;  // how often a waiting fetch looks at cancel
 
-// Waits for events on fd in short slices so that cancel is noticed. Returns the revents,
-// 0 on time-out or cancel.
-short wait_fd(int fd, short events, int timeout_ms, const std::atomic<bool>& cancel) {
-    for (int waited = 0; waited < timeout_ms && !cancel.load(); waited += kSliceMs) {
+// Waits for events on fd in short slices so that stop is noticed. Returns the revents,
+// 0 on time-out or stop.
+short wait_fd(int fd, short events, int timeout_ms, const StopCheck& stop) {
+    for (int waited = 0; waited < timeout_ms && !stop(); waited += kSliceMs) {
         pollfd p{fd, events, 0};
         int r = ::poll(&p, 1, kSliceMs);
         if (r > 0) return p.revents;
@@ -34,7 +35,7 @@ short wait_fd(int fd, short events, int timeout_ms, const std::atomic<bool>& can
     return 0;
 }
 
-Fd connect_host(const HttpUrl& u, const std::atomic<bool>& cancel, std::string* error) {
+Fd connect_host(const HttpUrl& u, const StopCheck& stop, std::string* error) {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
@@ -45,11 +46,11 @@ Fd connect_host(const HttpUrl& u, const std::atomic<bool>& cancel, std::string* 
         return Fd();
     }
     Fd out;
-    for (addrinfo* a = res; a && !out.ok() && !cancel.load(); a = a->ai_next) {
+    for (addrinfo* a = res; a && !out.ok() && !stop(); a = a->ai_next) {
         Fd fd(::socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         if (!fd.ok()) continue;
         if (::connect(fd.get(), a->ai_addr, a->ai_addrlen) != 0 && errno != EINPROGRESS) continue;
-        if (!(wait_fd(fd.get(), POLLOUT, kConnectTimeoutMs, cancel) & POLLOUT)) continue;
+        if (!(wait_fd(fd.get(), POLLOUT, kConnectTimeoutMs, stop) & POLLOUT)) continue;
         int err = 0;
         socklen_t len = sizeof err;
         getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &err, &len);
@@ -79,10 +80,10 @@ std::string request_path(const std::string& path) {
     return out;
 }
 
-// Reads one piece; returns bytes read, 0 at the end, -1 on error, idle time-out or cancel.
-ssize_t read_some(int fd, char* buf, size_t size, const std::atomic<bool>& cancel) {
+// Reads one piece; returns bytes read, 0 at the end, -1 on error, idle time-out or stop.
+ssize_t read_some(int fd, char* buf, size_t size, const StopCheck& stop) {
     for (;;) {
-        short ev = wait_fd(fd, POLLIN, kIdleTimeoutMs, cancel);
+        short ev = wait_fd(fd, POLLIN, kIdleTimeoutMs, stop);
         if (!ev) return -1;
         ssize_t n = ::read(fd, buf, size);
         if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
@@ -90,7 +91,7 @@ ssize_t read_some(int fd, char* buf, size_t size, const std::atomic<bool>& cance
     }
 }
 
-long long content_length(const std::string& head) {
+long long header_content_length(const std::string& head) {
     size_t pos = 0;
     while ((pos = head.find('\n', pos)) != std::string::npos) {
         ++pos;
@@ -119,55 +120,51 @@ bool split_http_url(const std::string& url, HttpUrl* out) {
     return !out->host.empty() && out->port > 0 && out->port < 65536;
 }
 
-FetchResult http_fetch(const std::string& url, const std::atomic<bool>& cancel,
-                       const std::function<void(size_t)>& on_body) {
-    FetchResult r;
-    HttpUrl u;
-    if (!split_http_url(url, &u)) {
-        r.error = "not an http:// URL: " + url;
-        return r;
-    }
-    Fd fd = connect_host(u, cancel, &r.error);
-    if (!fd.ok()) return r;
-    std::string req = "GET " + request_path(u.path) + " HTTP/1.1\r\nHost: " + u.host_header +
-                      "\r\nUser-Agent: player_sim\r\nAccept: */*\r\nConnection: close\r\n\r\n";
-    int fl = fcntl(fd.get(), F_GETFL);
-    fcntl(fd.get(), F_SETFL, fl & ~O_NONBLOCK);
-    if (!write_all(fd.get(), req)) {
-        r.error = "cannot send the request";
-        return r;
+bool HttpStream::open(const HttpUrl& u, const std::string& method, const std::string& headers,
+                      const StopCheck& stop, std::string* error) {
+    fd_ = connect_host(u, stop, error);
+    if (!fd_.ok()) return false;
+    fcntl(fd_.get(), F_SETFL, fcntl(fd_.get(), F_GETFL) & ~O_NONBLOCK);
+    std::string req = method + " " + request_path(u.path) + " HTTP/1.1\r\nHost: " +
+                      u.host_header + "\r\n" + headers + "\r\n";
+    if (!write_all(fd_.get(), req)) {
+        *error = "cannot send the request";
+        return false;
     }
     std::string head;
-    char buf[65536];
+    char buf[16384];
     size_t end = std::string::npos;
     while ((end = head.find("\r\n\r\n")) == std::string::npos) {
-        ssize_t n = read_some(fd.get(), buf, sizeof buf, cancel);
+        ssize_t n = read_some(fd_.get(), buf, sizeof buf, stop);
         if (n <= 0 || head.size() > kMaxResponseHead) {
-            r.error = cancel.load() ? "cancelled" : "no complete response head";
-            return r;
+            *error = stop() ? "cancelled" : "no complete response head";
+            return false;
         }
         head.append(buf, static_cast<size_t>(n));
     }
-    r.status = head.compare(0, 5, "HTTP/") == 0 && head.size() > 12 ? atoi(head.c_str() + 9) : 0;
-    if (r.status < 200 || r.status > 299) {
-        r.error = "status " + std::to_string(r.status);
-        return r;
+    status_ = head.compare(0, 5, "HTTP/") == 0 && head.size() > 12 ? atoi(head.c_str() + 9) : 0;
+    if (status_ < 200 || status_ > 299) {
+        *error = "status " + std::to_string(status_);
+        return false;
     }
-    long long want = content_length(head);
-    size_t early = head.size() - end - 4;
-    if (early > 0) {
-        r.bytes += static_cast<long long>(early);
-        on_body(early);
+    length_ = header_content_length(head);
+    early_ = head.substr(end + 4);
+    return true;
+}
+
+ssize_t HttpStream::read_body(char* buf, size_t size, const StopCheck& stop) {
+    if (length_ >= 0 && received_ >= length_) return 0;
+    if (length_ >= 0) size = static_cast<size_t>(std::min<long long>(size, length_ - received_));
+    ssize_t n;
+    if (!early_.empty()) {
+        n = static_cast<ssize_t>(std::min(size, early_.size()));
+        early_.copy(buf, static_cast<size_t>(n));
+        early_.erase(0, static_cast<size_t>(n));
+    } else {
+        n = read_some(fd_.get(), buf, size, stop);
     }
-    while (want < 0 || r.bytes < want) {
-        ssize_t n = read_some(fd.get(), buf, sizeof buf, cancel);
-        if (n <= 0) break;
-        r.bytes += n;
-        on_body(static_cast<size_t>(n));
-    }
-    r.ok = r.bytes > 0;
-    if (!r.ok) r.error = cancel.load() ? "cancelled" : "empty body";
-    return r;
+    if (n > 0) received_ += n;
+    return n;
 }
 
 }  // namespace sim

@@ -1,10 +1,13 @@
-// The player's side of fetching a video: a plain HTTP/1.1 GET over TCP whose body is
-// counted and thrown away, as a player that streams and forgets would.
+// The player's side of fetching a video: HTTP/1.1 requests over TCP, one connection each,
+// whose bodies are counted and thrown away, as a player that streams and forgets would.
 #pragma once
 
-#include <atomic>
+#include <sys/types.h>
+
 #include <functional>
 #include <string>
+
+#include "sim_util.h"
 
 namespace sim {
 
@@ -18,16 +21,31 @@ struct HttpUrl {
 // Splits "http://host[:port][/path]". Returns false for any other form.
 bool split_http_url(const std::string& url, HttpUrl* out);
 
-struct FetchResult {
-    bool ok = false;      // a 2xx answer with at least one body byte
-    int status = 0;       // the HTTP status code, 0 when none arrived
-    long long bytes = 0;  // body bytes received
-    std::string error;    // why it failed, for the log
-};
+// Says whether a waiting fetch is to give up now (cancelled, or the player moved on).
+using StopCheck = std::function<bool()>;
 
-// Fetches url until the body ends, the server closes, nothing arrives for a long while, or
-// cancel is set. on_body(n) is called for every piece of body that arrives.
-FetchResult http_fetch(const std::string& url, const std::atomic<bool>& cancel,
-                       const std::function<void(size_t)>& on_body);
+// One HTTP exchange on a connection of its own: the request goes out, the response head is
+// read, then the body piece by piece. A stream may also be left open and unread, as the
+// box's player leaves the fetch it abandons for a seek.
+class HttpStream {
+   public:
+    // Connects, sends "method path HTTP/1.1", a Host line and the header lines given (each
+    // ending in CR LF), and reads the response head. False, with error set, on any failure
+    // or a status other than 2xx.
+    bool open(const HttpUrl& u, const std::string& method, const std::string& headers,
+              const StopCheck& stop, std::string* error);
+    int status() const { return status_; }
+    long long content_length() const { return length_; }  // -1 when absent
+    // The next piece of the body: bytes read (> 0), 0 at its end, -1 on an error, a long
+    // silence or stop.
+    ssize_t read_body(char* buf, size_t size, const StopCheck& stop);
+
+   private:
+    Fd fd_;
+    int status_ = 0;
+    long long length_ = -1;
+    long long received_ = 0;
+    std::string early_;  // body bytes that came with the head
+};
 
 }  // namespace sim

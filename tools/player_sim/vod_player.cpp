@@ -7,6 +7,11 @@
 
 namespace sim {
 
+namespace {
+// The header line by which the box's player names itself after its first request.
+constexpr char kPlayerAgent[] = "User-Agent: ZorBoxPlayer/1.0\r\n";
+}  // namespace
+
 VodPlayer::VodPlayer(long duration_s, std::string fail_status)
     : duration_s_(duration_s), fail_status_(std::move(fail_status)) {}
 
@@ -54,6 +59,7 @@ void VodPlayer::start(const std::string& url, double fraction) {
         bytes_ = 0;
         url_ = url;
     }
+    pending_seek_.store(-1);
     cancel_ = std::make_shared<std::atomic<bool>>(false);
     fetch_ = std::thread(&VodPlayer::fetch_main, this, url, generation, cancel_);
 }
@@ -70,14 +76,77 @@ void VodPlayer::fetch_main(std::string url, unsigned generation,
         }
         bytes_ += static_cast<long long>(n);
     };
-    FetchResult r = http_fetch(url, *cancel, on_body);
-    if (r.ok) {
-        say("vod: fetched " + std::to_string(r.bytes) + " bytes of " + url);
-        return;
+    auto fail = [&](const std::string& why) {
+        say("vod: fetch of " + url + " failed: " + why);
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (generation == generation_ && !have_data_ && !cancel->load()) failed_ = true;
+    };
+    StopCheck cancelled = [&] { return cancel->load(); };
+    HttpUrl u;
+    if (!split_http_url(url, &u)) return fail("not an http:// URL");
+    std::string error;
+    // The box's player opens a media URL with a plain GET, then checks it with a HEAD of
+    // its own on a second connection while the first one streams.
+    std::vector<std::unique_ptr<HttpStream>> streams;
+    streams.push_back(std::make_unique<HttpStream>());
+    if (!streams.back()->open(u, "GET", "Accept: */*\r\n", cancelled, &error)) return fail(error);
+    long long total = streams.back()->content_length();
+    std::thread check([&u, &url, cancel] {
+        auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        StopCheck stop = [&] {
+            return cancel->load() || std::chrono::steady_clock::now() > give_up;
+        };
+        HttpStream head;
+        std::string why;
+        if (!head.open(u, "HEAD", kPlayerAgent, stop, &why))
+            say("vod: HEAD of " + url + " failed: " + why);
+    });
+    stream_and_seek(u, total, &streams, cancel, on_body);
+    check.join();
+}
+
+// Reads the current stream; a seek leaves it open and unread (as the box's player does) and
+// asks a new connection for the range from the byte in proportion to the target time.
+void VodPlayer::stream_and_seek(const HttpUrl& u, long long total,
+                                std::vector<std::unique_ptr<HttpStream>>* streams,
+                                const std::shared_ptr<std::atomic<bool>>& cancel,
+                                const std::function<void(size_t)>& on_body) {
+    StopCheck cancelled = [&] { return cancel->load(); };
+    StopCheck interrupted = [&] { return cancel->load() || pending_seek_.load() >= 0; };
+    std::vector<char> buf(65536);
+    bool reading = true;
+    while (!cancel->load()) {
+        if (reading) {
+            ssize_t n = streams->back()->read_body(buf.data(), buf.size(), interrupted);
+            if (n > 0) {
+                on_body(static_cast<size_t>(n));
+                continue;
+            }
+            if (n == 0) say("vod: fetched " + std::to_string(streams->back()->content_length()) +
+                            " bytes of " + u.path);
+            reading = n < 0 && pending_seek_.load() >= 0;
+        }
+        long long seconds = pending_seek_.exchange(-1);
+        if (seconds < 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            continue;
+        }
+        long duration;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            duration = std::max(1L, duration_s_);
+        }
+        long long offset = total > 0 ? std::clamp(total * seconds / duration, 0LL, total - 1) : 0;
+        std::string error;
+        streams->push_back(std::make_unique<HttpStream>());
+        reading = streams->back()->open(
+            u, "GET",
+            std::string(kPlayerAgent) + "Accept: */*\r\nRange: bytes=" + std::to_string(offset) +
+                "-\r\n",
+            cancelled, &error);
+        say("vod: seek to " + std::to_string(seconds) + " s fetches from byte " +
+            std::to_string(offset) + (reading ? "" : ": " + error));
     }
-    say("vod: fetch of " + url + " failed: " + r.error);
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (generation == generation_ && !have_data_ && !cancel->load()) failed_ = true;
 }
 
 void VodPlayer::pause() {
@@ -94,6 +163,7 @@ void VodPlayer::resume() {
 
 void VodPlayer::seek(long long seconds) {
     std::lock_guard<std::mutex> lock(mutex_);
+    if (loaded_) pending_seek_.store(std::max(0LL, seconds));
     base_pos_ms_ = std::clamp(seconds * 1000LL, 0LL, duration_s_ * 1000LL);
     base_time_ = Clock::now();
 }

@@ -1,13 +1,19 @@
-// The video side of the player: start_vod really fetches the media URL in the background;
-// the reported status and play head follow that fetch and the wall clock.
+// The video side of the player: start_vod really fetches the media URL in the background,
+// as the box's player does (a GET, a HEAD on a second connection, a Range request on a new
+// connection for each seek); the reported status and play head follow that fetch and the
+// wall clock.
 #pragma once
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
+
+#include "http_fetch.h"
 
 namespace sim {
 
@@ -48,6 +54,10 @@ class VodPlayer {
     using Clock = std::chrono::steady_clock;
     void fetch_main(std::string url, unsigned generation,
                     std::shared_ptr<std::atomic<bool>> cancel);
+    void stream_and_seek(const HttpUrl& u, long long total,
+                         std::vector<std::unique_ptr<HttpStream>>* streams,
+                         const std::shared_ptr<std::atomic<bool>>& cancel,
+                         const std::function<void(size_t)>& on_body);
     void cancel_fetch();                                   // caller holds control_
     long long position_ms(Clock::time_point now) const;    // caller holds mutex_
     void rebase();                                         // caller holds mutex_
@@ -56,6 +66,7 @@ class VodPlayer {
     std::mutex control_;  // serialises start/stop/shutdown, held while a fetch is joined
     std::thread fetch_;   // guarded by control_
     std::shared_ptr<std::atomic<bool>> cancel_;  // guarded by control_
+    std::atomic<long long> pending_seek_{-1};    // seconds of a seek the fetch has to make
 
     mutable std::mutex mutex_;  // guards the fields below; never held during I/O
     unsigned generation_ = 0;   // which start the fetch thread's reports belong to
