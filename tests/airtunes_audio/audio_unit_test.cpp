@@ -30,10 +30,7 @@ struct pipe_path {
     int fds[2] = {-1, -1};
     audio_packet_buffers buffers;
     pipe_path() { EXPECT_EQ(pipe(fds), 0); }
-    ~pipe_path() {
-        close(fds[0]);
-        close(fds[1]);
-    }
+    ~pipe_path() { close(fds[0]), close(fds[1]); }
     std::string decode(const zt::Frame& payload) {
         int n = airtunes_decode_packet(payload.data(), static_cast<int>(payload.size()), fds[1],
                                        &buffers);
@@ -47,31 +44,25 @@ struct pipe_path {
 
 TEST(RtpDatagram, HeaderOffsetsTypesAndShortDatagrams) {
     struct Case {
-        std::vector<uint8_t> head;  // the datagram's first bytes; padded with 0xAA to length
-        int length;
-        rtp_verdict verdict;
-        int type, seqno, payload_at;
+        std::vector<uint8_t> head;  // first bytes; the rest of length is 0xAA
+        int length, type, seqno, payload_at;  // type 0: too short, -1: other type
     };
-    const Case cases[] = {
-        {{0x80, 0x60, 0x01, 0x02}, 12, rtp_verdict::audio, 0x60, 258, 12},
-        {{0x80, 0xE0, 0xFF, 0xFF}, 100, rtp_verdict::audio, 0x60, 65535, 12},  // marker
-        {{0x9F, 0x60, 0x00, 0x07}, 40, rtp_verdict::audio, 0x60, 7, 12},  // CSRC, extension
-        {{0x80, 0xD6, 0x00, 0x01, 0x80, 0x60, 0x12, 0x34}, 16, rtp_verdict::audio, 0x56, 0x1234,
-         16},
-        {{0x80, 0x56, 0x00, 0x01, 0x80, 0x60, 0x00, 0x09}, 1000, rtp_verdict::audio, 0x56, 9, 16},
-        {{0x80, 0x60}, 11, rtp_verdict::too_short, 0, 0, 0},
-        {{0x80, 0x56}, 15, rtp_verdict::too_short, 0, 0, 0},
-        {{0x80}, 1, rtp_verdict::too_short, 0, 0, 0},
-        {{}, 0, rtp_verdict::too_short, 0, 0, 0},
-        {{0x80, 0x61}, 100, rtp_verdict::other_type, 0, 0, 0},
-        {{0x80, 0x54}, 4, rtp_verdict::other_type, 0, 0, 0},
-    };
-    for (const Case& c : cases) {
+    for (const Case& c : std::vector<Case>{{{0x80, 0xE0, 0xFF, 0xFF}, 12, 0x60, 65535, 12},
+                                           {{0x9F, 0x60, 0, 7}, 40, 0x60, 7, 12},
+                                           {{0x80, 0xD6, 0, 1, 0x80, 0x60, 0x12, 0x34}, 16, 0x56,
+                                            0x1234, 16},
+                                           {{0x80, 0x60}, 11, 0, 0, 0},
+                                           {{0x80, 0x56}, 15, 0, 0, 0},
+                                           {{}, 0, 0, 0, 0},
+                                           {{0x80, 0x61}, 100, -1, 0, 0}}) {
         std::vector<uint8_t> datagram(static_cast<size_t>(c.length), 0xAA);
         std::copy(c.head.begin(), c.head.end(), datagram.begin());
         rtp_packet p;
-        ASSERT_EQ(rtp_parse_datagram(datagram.data(), c.length, &p), c.verdict) << c.length;
-        if (c.verdict != rtp_verdict::audio) continue;
+        rtp_verdict v = rtp_parse_datagram(datagram.data(), c.length, &p);
+        EXPECT_EQ(v, c.type > 0    ? rtp_verdict::audio
+                     : c.type == 0 ? rtp_verdict::too_short
+                                   : rtp_verdict::other_type);
+        if (v != rtp_verdict::audio) continue;
         EXPECT_EQ(p.payload_type, c.type);
         EXPECT_EQ(p.seqno, c.seqno);
         EXPECT_EQ(p.payload, datagram.data() + c.payload_at);
@@ -97,15 +88,13 @@ zt::Frame verbatim_frame(int count, size_t length, std::string* pcm) {
 
 TEST(AudioPacket, WholeBlocksDecryptedTailInClearFreshIvEveryPacket) {
     announce({96, 352, 0, 16, 40, 10, 14, 2, 255, 0, 0, 44100});
-    zt::RtpSender sender(kKey, kIv, 6001);
+    zt::RtpSender sender(kKey, kIv);
     pipe_path path;
     // 15 bytes: nothing encrypted; 16: one block, no tail; 1000: 992 encrypted, 8 in clear.
     for (auto [count, length] : {std::pair{2, 15}, {2, 16}, {248, 1000}, {352, 1431}}) {
         std::string pcm;
         zt::Frame frame = verbatim_frame(count, static_cast<size_t>(length), &pcm);
         zt::Frame payload = sender.encrypt(frame);
-        EXPECT_EQ(std::memcmp(payload.data() + length / 16 * 16,
-                              frame.data() + length / 16 * 16, length % 16), 0);
         // The same payload twice decodes the same: no chaining from packet to packet.
         EXPECT_EQ(path.decode(payload), pcm) << length;
         EXPECT_EQ(path.decode(payload), pcm) << length;
@@ -119,7 +108,7 @@ TEST(AudioPacket, StreamsDecodeToTheirSourcePcmIn16And24Bits) {
     for (const stream_vector& v : load_vectors()) {
         if (v.channels != 2 || v.fmtp[7] != 2) continue;
         announce(v.fmtp);
-        zt::RtpSender sender(kKey, kIv, 6001);
+        zt::RtpSender sender(kKey, kIv);
         pipe_path path;
         std::string pcm;
         for (const zt::Frame& frame : zt::load_alac_frames(v.name))
