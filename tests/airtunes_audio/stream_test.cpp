@@ -126,4 +126,20 @@ TEST(AudioStream, PlaysBitExactRestartsOnRecordAndEndsOnSigterm) {
     EXPECT_EQ(box.daemon().stop(SIGTERM, 10s), 0);
 }
 
+TEST(AudioStream, AFullPipeHoldsOnlyTheReceiverAndSigtermEndsTheStream) {
+    zt::Box box;
+    ASSERT_TRUE(box.start());
+    Rtsp rtsp;
+    if (!rtsp.start_stream()) GTEST_SKIP() << "the RTSP service does not set up streams yet";
+    ASSERT_EQ(rtsp.call("SET_PARAMETER", "Content-Type: image/jpeg\r\n", "\xff\xd8\xff\xd9"), 200);
+    ASSERT_TRUE(box.wait_command("start_aod"));
+    box.sim("/sim/stall?aod=1");
+    const auto frames = zt::load_alac_frames("s16_stereo");
+    zt::RtpSender sender(kKey, kIv);
+    for (int round = 0; round < 3; ++round) ASSERT_TRUE(sender.send_frames(frames, 4));
+    EXPECT_EQ(rtsp.call("OPTIONS", ""), 200);
+    EXPECT_EQ(box.daemon().stop(SIGTERM, 10s), 0);
+    EXPECT_LT(recording().size(), 3 * zt::load_alac_pcm("s16_stereo").size());
+}
+
 }  // namespace
