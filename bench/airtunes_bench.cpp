@@ -77,8 +77,8 @@ const stream& s16_stereo() {
 }
 
 void set_counters(benchmark::State& state, long long packets, long long samples) {
-    state.counters["packets/s"] = benchmark::Counter(static_cast<double>(packets),
-                                                     benchmark::Counter::kIsRate);
+    state.counters["packets/s"] =
+        benchmark::Counter(static_cast<double>(packets), benchmark::Counter::kIsRate);
     state.counters["rt_factor"] =
         benchmark::Counter(static_cast<double>(samples) / kSampleRate, benchmark::Counter::kIsRate);
 }

@@ -49,8 +49,8 @@ struct Rtsp {
     }
     int call(const std::string& method, const std::string& headers, const std::string& body = "") {
         c.send(method + " rtsp://192.0.2.10/4242 RTSP/1.0\r\nCSeq: " + std::to_string(++cseq) +
-               "\r\nX-Apple-Device-ID: 0x5A4F52000002\r\n" + headers + "Content-Length: " +
-               std::to_string(body.size()) + "\r\n\r\n" + body);
+               "\r\nX-Apple-Device-ID: 0x5A4F52000002\r\n" + headers +
+               "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
         return zt::status_code(c.recv_message(std::chrono::seconds(8)));
     }
     // ANNOUNCE, SETUP (control port 6001), RECORD; false when one is not answered 200.
@@ -61,8 +61,9 @@ struct Rtsp {
             "a=fmtp:96 352 0 16 40 10 14 2 255 0 0 44100\r\na=rsaaeskey:" +
             base64(kKey, true) + "\r\na=aesiv:" + base64(kIv, false) + "\r\n";
         return call("ANNOUNCE", "Content-Type: application/sdp\r\n", sdp) == 200 &&
-               call("SETUP", "Transport: RTP/AVP/UDP;unicast;mode=record;control_port=6001;"
-                             "timing_port=6002\r\n") == 200 &&
+               call("SETUP",
+                    "Transport: RTP/AVP/UDP;unicast;mode=record;control_port=6001;"
+                    "timing_port=6002\r\n") == 200 &&
                call("RECORD", "Range: npt=0-\r\nRTP-Info: seq=1000;rtptime=0\r\n") == 200;
     }
 };
@@ -85,7 +86,9 @@ TEST(AudioStream, PlaysBitExactRestartsOnRecordAndEndsOnSigterm) {
     const auto frames = zt::load_alac_frames("s16_stereo");
     const std::string pcm = zt::load_alac_pcm("s16_stereo");
     const size_t last = pcm.size() - (frames.size() - 1) * 1408;
-    auto pcm_of = [&](size_t i) { return pcm.substr(i * 1408, i + 1 < frames.size() ? 1408 : last); };
+    auto pcm_of = [&](size_t i) {
+        return pcm.substr(i * 1408, i + 1 < frames.size() ? 1408 : last);
+    };
     std::vector<zt::Frame> half;
     std::string half_pcm;
     for (int round = 0; round < 8; ++round) {
@@ -99,8 +102,8 @@ TEST(AudioStream, PlaysBitExactRestartsOnRecordAndEndsOnSigterm) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     sender.send(sender.packet(frames.back(), static_cast<uint16_t>(sender.seq - 1), 0));
     expected += pcm_of(3) + pcm_of(frames.size() - 1);
-    for (const zt::Frame& junk : {zt::Frame(11, 0x60), zt::Frame{0x80, 0x56, 0, 1, 0x80, 0x60},
-                                  zt::Frame(300, 0x7F)})
+    for (const zt::Frame& junk :
+         {zt::Frame(11, 0x60), zt::Frame{0x80, 0x56, 0, 1, 0x80, 0x60}, zt::Frame(300, 0x7F)})
         sender.send(junk);
     foreign.send(foreign.packet(frames[7], 77, 0));
     ASSERT_TRUE(sender.send_frames(half));
@@ -116,12 +119,13 @@ TEST(AudioStream, PlaysBitExactRestartsOnRecordAndEndsOnSigterm) {
     // for a reader, which never comes (start_aod answered late): SIGTERM still ends it.
     EXPECT_EQ(rtsp.call("TEARDOWN", ""), 200);
     EXPECT_TRUE(box.wait_command("stop_aod"));
-    struct stat before {}, after {};
+    struct stat before {
+    }, after{};
     ::stat("/tmp/airtunes", &before);
     box.sim("/sim/delay?cmd=start_aod&ms=30000");
     ASSERT_TRUE(rtsp.start_stream());
-    EXPECT_TRUE(zt::wait_until([&] { return ::stat("/tmp/airtunes", &after) == 0 &&
-                                            after.st_ino != before.st_ino; }));
+    EXPECT_TRUE(zt::wait_until(
+        [&] { return ::stat("/tmp/airtunes", &after) == 0 && after.st_ino != before.st_ino; }));
     sender.send_frames({frames.begin(), frames.begin() + 20}, 0);
     EXPECT_EQ(box.daemon().stop(SIGTERM, 10s), 0);
 }

@@ -63,7 +63,8 @@ bool RtpSender::send_frames(const std::vector<Frame>& frames, double speed) {
     const std::chrono::duration<double> frame_time(352 / 44100.0 / (speed > 0 ? speed : 1e9));
     for (size_t i = 0; i < frames.size(); ++i, ++seq, timestamp += 352) {
         std::this_thread::sleep_until(
-            start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(frame_time * i));
+            start +
+            std::chrono::duration_cast<std::chrono::steady_clock::duration>(frame_time * i));
         if (!send(packet(frames[i], seq, timestamp))) return false;
     }
     return true;

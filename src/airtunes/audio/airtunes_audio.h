@@ -25,10 +25,10 @@ enum class rtp_verdict {
 };
 
 struct rtp_packet {
-    int payload_type = 0;            // 0x60 or 0x56 (the marker bit removed)
-    int seqno = 0;                   // 0..65535, of the packet itself (behind the prefix)
+    int payload_type = 0;              // 0x60 or 0x56 (the marker bit removed)
+    int seqno = 0;                     // 0..65535, of the packet itself (behind the prefix)
     const uint8_t* payload = nullptr;  // points into the datagram
-    int payload_length = 0;          // >= 0
+    int payload_length = 0;            // >= 0
 };
 
 // Splits the length bytes at data. The marker bit is ignored, CSRC count and extension bits

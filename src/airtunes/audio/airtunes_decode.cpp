@@ -21,8 +21,8 @@ constexpr int kPipeWaitMs = 500;
 // The largest output the decoder can produce: every frame it accepts states at most its
 // frame length in samples, each of bytes_per_frame bytes.
 size_t largest_output(const alac_decoder* decoder) {
-    size_t per_frame = decoder->bytes_per_frame > 0 ? static_cast<size_t>(decoder->bytes_per_frame)
-                                                    : 0;
+    size_t per_frame =
+        decoder->bytes_per_frame > 0 ? static_cast<size_t>(decoder->bytes_per_frame) : 0;
     return std::min(kAudioMaxPcmBytes, static_cast<size_t>(decoder->frame_length) * per_frame);
 }
 
@@ -47,17 +47,17 @@ int decrypt_and_decode(const uint8_t* payload, int length, audio_packet_buffers*
     if (!fit_pcm_buffer(&b->pcm, capacity)) return 0;
 
     const int whole = length - length % kAesBlockSize;
-    if (whole > 0 && aes_decrypt_payload(payload, b->work.data(), whole,
-                                         airtunes_session.aes_iv.data(),
-                                         &airtunes_session.aes_key) != whole)
+    if (whole > 0 &&
+        aes_decrypt_payload(payload, b->work.data(), whole, airtunes_session.aes_iv.data(),
+                            &airtunes_session.aes_key) != whole)
         return 0;
     // The sender leaves a last partial block unencrypted.
     std::memcpy(b->work.data() + whole, payload + whole, static_cast<size_t>(length - whole));
 
     std::memset(b->pcm.data(), 0, capacity);
     int produced = 0;
-    alac_frame_decode(decoder, b->work.data(), static_cast<size_t>(length), b->pcm.data(),
-                      capacity, &produced);
+    alac_frame_decode(decoder, b->work.data(), static_cast<size_t>(length), b->pcm.data(), capacity,
+                      &produced);
     return std::clamp(produced, 0, static_cast<int>(capacity));
 }
 

@@ -153,9 +153,8 @@ void handle_datagram(receiver* r, int length) {
 
 // Running: one datagram from either socket per pass, the data port first.
 void receive_one(receiver* r) {
-    pollfd fds[3] = {{r->server.get(), POLLIN, 0},
-                     {r->control.get(), POLLIN, 0},
-                     {get_stop_fd(), POLLIN, 0}};
+    pollfd fds[3] = {
+        {r->server.get(), POLLIN, 0}, {r->control.get(), POLLIN, 0}, {get_stop_fd(), POLLIN, 0}};
     if (poll(fds, 3, kRunningWaitMs) <= 0) return;
     int sock = (fds[0].revents & POLLIN) != 0   ? fds[0].fd
                : (fds[1].revents & POLLIN) != 0 ? fds[1].fd
