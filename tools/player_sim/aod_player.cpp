@@ -100,6 +100,10 @@ void AodPlayer::reader_main() {
     say("aod: " + fifo_path_ + " opened, waiting for PCM");
     char buf[65536];
     while (!cancel_.load()) {
+        if (stalled_.load()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            continue;
+        }
         pollfd p{in.get(), POLLIN, 0};
         int r = ::poll(&p, 1, 100);
         if (r == 0 || (r < 0 && errno == EINTR)) continue;

@@ -26,6 +26,8 @@ class AodPlayer {
     // Closes the FIFO and finishes the WAV file; returns once the reader has ended.
     void stop();
     void force_status(const std::string& status);  // "" follows the simulation again
+    // A stalled reader keeps the FIFO open but takes nothing: the writer meets a full pipe.
+    void set_stalled(bool stalled) { stalled_ = stalled; }
     AodInfo info() const;
 
    private:
@@ -38,6 +40,7 @@ class AodPlayer {
     std::mutex control_;  // serialises start/stop; held while the reader is joined
     std::thread reader_;  // guarded by control_
     std::atomic<bool> cancel_{false};
+    std::atomic<bool> stalled_{false};
     std::atomic<Phase> phase_{Phase::idle};
     std::atomic<long long> bytes_{0};
     mutable std::mutex mutex_;

@@ -31,6 +31,7 @@
 //   /sim/delay?cmd=CMD&ms=MS[&count=N]     answer the next N late (ms=0 clears)
 //   /sim/force?vod=S&aod=S&seek=true|false report S / seekEnable ("none": simulate again)
 //   /sim/duration?s=S                      set the video duration
+//   /sim/stall?aod=1|0                     stop / resume reading the PCM FIFO
 //   /sim/reset                             clear all faults and forced values
 //   /sim/state                             key=value lines: vod, vod_time, vod_duration,
 //       vod_seekable, vod_bytes, vod_url, aod, aod_bytes, volume, photo (shown|hidden),
@@ -72,7 +73,7 @@ const char* kUsage =
     "  --delay CMD=MS   answer CMD MS milliseconds late\n"
     "Control: GET /sim/refuse?cmd=C[&count=N], /sim/close?cmd=C[&count=N],\n"
     "  /sim/delay?cmd=C&ms=MS[&count=N], /sim/force?vod=S&aod=S&seek=true|false (none to\n"
-    "  undo), /sim/duration?s=S, /sim/reset, /sim/state.\n"
+    "  undo), /sim/duration?s=S, /sim/stall?aod=1|0, /sim/reset, /sim/state.\n"
     "Log: OUT/commands.log, one line per command: unix ms TAB arg0 TAB raw target.\n";
 
 struct Config {

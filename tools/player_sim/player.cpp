@@ -196,6 +196,10 @@ std::string Player::control(const Target& t, int* code) {
             vod_.force_seekable(t.arg("seek") == "none" ? -1 : t.arg("seek") == "true");
         return "ok\n";
     }
+    if (what == "stall") {
+        aod_.set_stalled(t.arg("aod") == "1");
+        return "ok\n";
+    }
     if (what == "duration" && std::atol(t.arg("s").c_str()) > 0) {
         vod_.set_duration(std::atol(t.arg("s").c_str()));
         return "ok\n";
@@ -205,6 +209,7 @@ std::string Player::control(const Target& t, int* code) {
         vod_.force_status("");
         vod_.force_seekable(-1);
         aod_.force_status("");
+        aod_.set_stalled(false);
         return "ok\n";
     }
     *code = 400;

@@ -44,3 +44,16 @@ int aes_decrypt_payload(const uint8_t* in, uint8_t* out, int length, const uint8
         return -1;
     return produced;
 }
+
+int aes_encrypt_payload(const uint8_t* in, uint8_t* out, int length, const uint8_t* iv,
+                        const uint8_t* key_bytes) {
+    int whole = length < 0 ? 0 : length - length % kAesBlockSize;
+    if (whole == 0) return 0;
+    std::unique_ptr<evp_cipher_ctx_st, aes_cipher_context_free> ctx(EVP_CIPHER_CTX_new());
+    int produced = 0;
+    if (!ctx || EVP_EncryptInit_ex(ctx.get(), EVP_aes_128_cbc(), nullptr, key_bytes, iv) != 1 ||
+        EVP_CIPHER_CTX_set_padding(ctx.get(), 0) != 1 ||
+        EVP_EncryptUpdate(ctx.get(), out, &produced, in, whole) != 1)
+        return -1;
+    return produced;
+}

@@ -31,3 +31,9 @@ void aes_set_decrypt_key_128(aes_key_schedule* key, const uint8_t* bytes);
 // failed (out is then undefined for those bytes).
 int aes_decrypt_payload(const uint8_t* in, uint8_t* out, int length, const uint8_t* iv,
                         aes_key_schedule* key);
+
+// The sender's side of the same cipher, for the project's test sender and benchmark:
+// encrypts the whole 16-byte blocks of length bytes from in into out with AES-128-CBC from
+// the 16 bytes at iv, under the 16-byte key at key_bytes. Returns the bytes encrypted, or -1.
+int aes_encrypt_payload(const uint8_t* in, uint8_t* out, int length, const uint8_t* iv,
+                        const uint8_t* key_bytes);
