@@ -57,6 +57,12 @@ struct alac_decoder {
 // be allocated, or when channels is outside 1..kAlacMaxChannels or sample_bits outside 0..255.
 std::unique_ptr<alac_decoder> alac_decoder_new(int sample_bits, int channels);
 
+// Sets the stream parameters from the twelve numbers of an SDP "a=fmtp:" line in line order
+// (payload type, frame length, compatible version, bit depth, Rice history multiplier,
+// initial history, limit, channels, maximum run, maximum frame bytes, average bit rate,
+// sample rate), each cut to its field's width. Call before alac_decoder_set_buffers.
+void alac_decoder_set_parameters(alac_decoder* decoder, const int* fmtp);
+
 // Allocates the six zero-filled arrays of frame_length entries. Returns false (and leaves
 // the decoder with no arrays, so that it refuses every frame) when frame_length exceeds
 // kAlacMaxFrameLength or an allocation fails; such a decoder must not be used.

@@ -36,17 +36,7 @@ bool parse_fmtp(char** args, int* fmtp) {
 std::unique_ptr<alac_decoder> make_decoder(const int* fmtp) {
     std::unique_ptr<alac_decoder> d = alac_decoder_new(fmtp[3], 2);
     if (!d) return nullptr;
-    d->frame_length = static_cast<uint32_t>(fmtp[1]);
-    d->compatible_version = static_cast<uint8_t>(fmtp[2]);
-    d->bit_depth = static_cast<uint8_t>(fmtp[3]);
-    d->rice_history_mult = static_cast<uint8_t>(fmtp[4]);
-    d->rice_initial_history = static_cast<uint8_t>(fmtp[5]);
-    d->rice_limit = static_cast<uint8_t>(fmtp[6]);
-    d->stream_channels = static_cast<uint8_t>(fmtp[7]);
-    d->max_run = static_cast<uint16_t>(fmtp[8]);
-    d->max_frame_bytes = static_cast<uint32_t>(fmtp[9]);
-    d->avg_bit_rate = static_cast<uint32_t>(fmtp[10]);
-    d->sample_rate = static_cast<uint32_t>(fmtp[11]);
+    alac_decoder_set_parameters(d.get(), fmtp);
     if (!alac_decoder_set_buffers(d.get())) return nullptr;
     return d;
 }

@@ -10,20 +10,6 @@ namespace {
 // The box always receives stereo, whatever the announced channel count.
 constexpr int kDecoderChannels = 2;
 
-void set_parameters(alac_decoder* d, const std::array<int, kFmtpCount>& fmtp) {
-    d->frame_length = static_cast<uint32_t>(fmtp[1]);
-    d->compatible_version = static_cast<uint8_t>(fmtp[2]);
-    d->bit_depth = static_cast<uint8_t>(fmtp[3]);
-    d->rice_history_mult = static_cast<uint8_t>(fmtp[4]);
-    d->rice_initial_history = static_cast<uint8_t>(fmtp[5]);
-    d->rice_limit = static_cast<uint8_t>(fmtp[6]);
-    d->stream_channels = static_cast<uint8_t>(fmtp[7]);
-    d->max_run = static_cast<uint16_t>(fmtp[8]);
-    d->max_frame_bytes = static_cast<uint32_t>(fmtp[9]);
-    d->avg_bit_rate = static_cast<uint32_t>(fmtp[10]);
-    d->sample_rate = static_cast<uint32_t>(fmtp[11]);
-}
-
 }  // namespace
 
 int airtunes_init_decoder() {
@@ -36,7 +22,7 @@ int airtunes_init_decoder() {
     // A frame length the decoder cannot hold makes a decoder that refuses every frame: it
     // counts as not made, and the stream keeps the one it had.
     if (decoder) {
-        set_parameters(decoder.get(), fmtp);
+        alac_decoder_set_parameters(decoder.get(), fmtp.data());
         if (!alac_decoder_set_buffers(decoder.get())) decoder.reset();
     }
     if (!decoder) {
