@@ -12,6 +12,8 @@ if [ ${#missing[@]} -gt 0 ]; then
     sudo=""
     [ "$(id -u)" -eq 0 ] || sudo="sudo"
     echo "installing: ${missing[*]}"
-    $sudo apt-get update -qq
+    # One index that fails to download (a mirror mid-sync) must not stop the install: apt
+    # still has the others, and a missing package fails the install below anyway.
+    $sudo apt-get update -qq || echo "apt-get update reported errors; going on with the indexes it has"
     DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}"
 fi
