@@ -80,6 +80,29 @@ int32_t read_verbatim_sample(alac_decoder* d) {
     return sign_extend(static_cast<int32_t>(value), 24);
 }
 
+// The verbatim samples of a frame into output A (and B for stereo, taking turns per sample).
+// Samples of up to 25 bits come from one peek each: a wide sample's 16 bits and the rest
+// read back to back are its bits read at once.
+void read_verbatim(alac_decoder* d, int count, bool stereo) {
+    int32_t* a = d->output_a.data();
+    int32_t* b = d->output_b.data();
+    const int depth = d->bit_depth;
+    if (depth < 1 || depth > 25) {
+        for (int i = 0; i < count; ++i) {
+            a[i] = read_verbatim_sample(d);
+            if (stereo) b[i] = read_verbatim_sample(d);
+        }
+        return;
+    }
+    const int width = depth <= 16 ? depth : 24;  // the bit that becomes the sign, plus one
+    alac_bits::cursor c = alac_bits::cursor_of(d);
+    for (int i = 0; i < count; ++i) {
+        a[i] = sign_extend(static_cast<int32_t>(alac_bits::take(&c, depth)), width);
+        if (stereo) b[i] = sign_extend(static_cast<int32_t>(alac_bits::take(&c, depth)), width);
+    }
+    alac_bits::hand_back(d, c);
+}
+
 void write_mono(const alac_decoder* d, uint8_t* out, int count, int low_bytes) {
     const size_t stride = static_cast<size_t>(d->channels);
     if (d->bit_depth == 16) {
@@ -123,7 +146,7 @@ void decode_mono(alac_decoder* d, frame_header h, uint8_t* out) {
         }
         decode_channel(d, &a, &d->error_a, &d->output_a, h.count, read_size);
     } else {
-        for (int i = 0; i < h.count; ++i) d->output_a[i] = read_verbatim_sample(d);
+        read_verbatim(d, h.count, false);
         h.low_bytes = 0;
     }
     write_output(d, h, out, 0, 0);
@@ -147,10 +170,7 @@ void decode_stereo(alac_decoder* d, frame_header h, uint8_t* out) {
         decode_channel(d, &a, &d->error_a, &d->output_a, h.count, read_size);
         decode_channel(d, &b, &d->error_b, &d->output_b, h.count, read_size);
     } else {
-        for (int i = 0; i < h.count; ++i) {
-            d->output_a[i] = read_verbatim_sample(d);
-            d->output_b[i] = read_verbatim_sample(d);
-        }
+        read_verbatim(d, h.count, true);
         h.low_bytes = 0;
     }
     write_output(d, h, out, shift, weight);

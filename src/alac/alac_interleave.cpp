@@ -1,5 +1,7 @@
 // Stereo decorrelation undone and PCM written little-endian into the caller's buffer.
 #include <algorithm>
+#include <bit>
+#include <cstring>
 
 #include "alac/alac.h"
 #include "alac/alac_internal.h"
@@ -23,6 +25,17 @@ inline void unmix(int32_t a, int32_t b, int shift, int weight, int32_t* left, in
     *left = add(*right, b);
 }
 
+// A left and a right 16-bit slot, as one 32-bit store where the host is little-endian.
+inline void put_pair16(uint8_t* slot, int32_t left, int32_t right) {
+    if constexpr (std::endian::native == std::endian::little) {
+        const uint32_t pair = (static_cast<uint32_t>(left) & 0xFFFFu) | (static_cast<uint32_t>(right) << 16);
+        std::memcpy(slot, &pair, sizeof pair);
+    } else {
+        put16(slot, left);
+        put16(slot + 2, right);
+    }
+}
+
 }  // namespace
 
 void stereo_interleave_16(const int32_t* a, const int32_t* b, uint8_t* out, int channels, int count,
@@ -33,18 +46,14 @@ void stereo_interleave_16(const int32_t* a, const int32_t* b, uint8_t* out, int 
     const size_t stride = static_cast<size_t>(channels) * 2;
     if (weight == 0) {
         for (int i = 0; i < count; ++i) {
-            uint8_t* slot = out + static_cast<size_t>(i) * stride;
-            put16(slot, a[i]);
-            put16(slot + 2, b[i]);
+            put_pair16(out + static_cast<size_t>(i) * stride, a[i], b[i]);
         }
         return;
     }
     const int bits = std::clamp(shift, 0, 31);
     for (int i = 0; i < count; ++i) {
         const int32_t right = sub(a[i], alac_arith::mul(b[i], weight) >> bits);
-        uint8_t* slot = out + static_cast<size_t>(i) * stride;
-        put16(slot, add(right, b[i]));
-        put16(slot + 2, right);
+        put_pair16(out + static_cast<size_t>(i) * stride, add(right, b[i]), right);
     }
 }
 

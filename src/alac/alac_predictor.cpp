@@ -66,11 +66,10 @@ inline void adapt_locals(int16_t* c, int q, const int32_t* d, int32_t e) {
 template <int N>
 void predict_fixed(const int32_t* r, int32_t* out, int count, int wrap, int16_t* coefs, int q) {
     int16_t c[N];
-    int32_t b[N + 1];
     std::copy(coefs, coefs + N, c);
-    std::copy(out, out + N + 1, b);
     const uint32_t rounding = q > 0 ? 1u << (q - 1) : 0u;
     for (int i = N + 1; i < count; ++i) {
+        const int32_t* b = out + i - N - 1;
         const int32_t e = r[i];
         int32_t d[N];
         uint32_t minus_sum = 0;  // the sum with the differences taken the other way round
@@ -87,9 +86,6 @@ void predict_fixed(const int32_t* r, int32_t* out, int count, int wrap, int16_t*
         } else if (e < 0) {
             adapt_locals<-1, N>(c, q, d, e);
         }
-#pragma GCC unroll 32
-        for (int j = 0; j < N; ++j) b[j] = b[j + 1];
-        b[N] = sample;
     }
     std::copy(c, c + N, coefs);
 }
