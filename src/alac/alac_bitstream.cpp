@@ -98,12 +98,19 @@ int32_t read_value_slowly(alac_decoder* d, alac_bits::cursor* c, int e, int k, u
     return value;
 }
 
-// rice_read_value from one peek, for the common case of a prefix of at most 8 ones and
-// 1 <= k <= 16: the prefix, its zero and the k extra bits make at most 25 bits. Returns false,
-// having read nothing, for any other value.
-inline bool read_value_fast(alac_bits::cursor* c, int k, uint32_t m, uint32_t* value) {
+// rice_read_value from one peek, for the common cases: a prefix of at most 8 ones with
+// 1 <= k <= 16 (the prefix, its zero and the k extra bits make at most 25 bits), or an escape
+// of 1 <= e <= 25 bits. Returns false, having read nothing, for any other value.
+inline bool read_value_fast(alac_bits::cursor* c, int e, int k, uint32_t m, uint32_t* value) {
     const uint32_t window = alac_bits::peek(*c);
-    if (window >= 0xFF800000u || static_cast<unsigned>(k - 1) > 15u) return false;
+    if (window >= 0xFF800000u) {
+        // Nine ones: the value follows verbatim in e bits, with no terminating zero before it.
+        if (static_cast<unsigned>(e - 1) > 24u) return false;
+        c->bit += 9;
+        *value = alac_bits::take(c, e);
+        return true;
+    }
+    if (static_cast<unsigned>(k - 1) > 15u) return false;
     // With k = 1 the value is the count of ones, which the general case below gives too (one
     // extra bit, always given back) unless the mask clears bit 0.
     if (k == 1 && (m & 1u) == 0) return false;
@@ -133,8 +140,8 @@ void rice_decode_block(alac_decoder* d, int32_t* out, int count, int e, int init
         const int k = residual_parameter(history, limit);
         uint32_t value;
         int32_t v;
-        if (read_value_fast(&c, k, 0xFFFFFFFFu, &value)) [[likely]] {
-            v = static_cast<int32_t>(value + sign_modifier);  // below 2^20
+        if (read_value_fast(&c, e, k, 0xFFFFFFFFu, &value)) [[likely]] {
+            v = static_cast<int32_t>(value + sign_modifier);  // below 2^25 + 1
             *o = unfold_small(static_cast<uint32_t>(v));
         } else {
             v = add(read_value_slowly(d, &c, e, k, 0xFFFFFFFFu), static_cast<int32_t>(sign_modifier));
@@ -150,7 +157,7 @@ void rice_decode_block(alac_decoder* d, int32_t* out, int count, int e, int init
             const int run_k =
                 std::countl_zero(static_cast<uint32_t>(history)) + (history + 16) / 64 - 24;
             int32_t run;
-            if (read_value_fast(&c, run_k, run_mask, &value)) {
+            if (read_value_fast(&c, 16, run_k, run_mask, &value)) {
                 run = static_cast<int32_t>(value);
             } else {
                 run = read_value_slowly(d, &c, 16, run_k, run_mask);

@@ -80,6 +80,20 @@ int32_t read_verbatim_sample(alac_decoder* d) {
     return sign_extend(static_cast<int32_t>(value), 24);
 }
 
+// The uncoded low bytes (1..3) of every sample into low-bytes A (and B for stereo, taking
+// turns per sample).
+void read_low_bytes(alac_decoder* d, int count, int low_bytes, bool stereo) {
+    int32_t* a = d->low_bytes_a.data();
+    int32_t* b = d->low_bytes_b.data();
+    const int bits = 8 * low_bytes;
+    alac_bits::cursor c = alac_bits::cursor_of(d);
+    for (int i = 0; i < count; ++i) {
+        a[i] = static_cast<int32_t>(alac_bits::take(&c, bits));
+        if (stereo) b[i] = static_cast<int32_t>(alac_bits::take(&c, bits));
+    }
+    alac_bits::hand_back(d, c);
+}
+
 // The verbatim samples of a frame into output A (and B for stereo, taking turns per sample).
 // Samples of up to 25 bits come from one peek each: a wide sample's 16 bits and the rest
 // read back to back are its bits read at once.
@@ -141,9 +155,7 @@ void decode_mono(alac_decoder* d, frame_header h, uint8_t* out) {
         bit_reader_get(d, 8);
         channel_params a;
         read_channel_params(d, &a);
-        for (int i = 0; h.low_bytes != 0 && i < h.count; ++i) {
-            d->low_bytes_a[i] = static_cast<int32_t>(bit_reader_get_long(d, 8 * h.low_bytes));
-        }
+        if (h.low_bytes != 0) read_low_bytes(d, h.count, h.low_bytes, false);
         decode_channel(d, &a, &d->error_a, &d->output_a, h.count, read_size);
     } else {
         read_verbatim(d, h.count, false);
@@ -163,10 +175,7 @@ void decode_stereo(alac_decoder* d, frame_header h, uint8_t* out) {
         channel_params b;
         read_channel_params(d, &a);
         read_channel_params(d, &b);
-        for (int i = 0; h.low_bytes != 0 && i < h.count; ++i) {
-            d->low_bytes_a[i] = static_cast<int32_t>(bit_reader_get_long(d, 8 * h.low_bytes));
-            d->low_bytes_b[i] = static_cast<int32_t>(bit_reader_get_long(d, 8 * h.low_bytes));
-        }
+        if (h.low_bytes != 0) read_low_bytes(d, h.count, h.low_bytes, true);
         decode_channel(d, &a, &d->error_a, &d->output_a, h.count, read_size);
         decode_channel(d, &b, &d->error_b, &d->output_b, h.count, read_size);
     } else {

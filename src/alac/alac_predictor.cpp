@@ -60,11 +60,11 @@ inline void adapt_locals(int16_t* c, int q, const int32_t* d, int32_t e) {
     }
 }
 
-// Samples N + 1 onwards for an order known at compile time. The window, the coefficients and
-// the differences d[j] = b[0] − b[N − j] live in locals, which the compiler keeps in
-// registers once the loops are unrolled; each difference serves the sum and the adaptation.
+// Samples N + 1 onwards for a short order known at compile time. The coefficients and the
+// differences d[j] = b[0] − b[N − j] live in locals, which the compiler keeps in registers
+// once the loops are unrolled; each difference serves the sum and the adaptation.
 template <int N>
-void predict_fixed(const int32_t* r, int32_t* out, int count, int wrap, int16_t* coefs, int q) {
+void predict_short(const int32_t* r, int32_t* out, int count, int wrap, int16_t* coefs, int q) {
     int16_t c[N];
     std::copy(coefs, coefs + N, c);
     const uint32_t rounding = q > 0 ? 1u << (q - 1) : 0u;
@@ -90,26 +90,46 @@ void predict_fixed(const int32_t* r, int32_t* out, int count, int wrap, int16_t*
     std::copy(c, c + N, coefs);
 }
 
-// The same for any order, with the window read from the output and the coefficients adapted
-// in place. The sum is taken as the sum of c[j] × b[n − j] less b[0] times the sum of the
+inline uint32_t tap(const int16_t* c, int j, const int32_t* b, int n) {
+    return static_cast<uint32_t>(int32_t{c[j]}) * static_cast<uint32_t>(b[n - j]);
+}
+
+// The sum of c[j] × b[n − j]: all taps in a row for an order N fixed at compile time, else
+// four taps a step.
+template <int N>
+inline uint32_t weighted_sum(const int16_t* c, int n, const int32_t* b) {
+    uint32_t sum = 0;
+    if constexpr (N > 0) {
+#pragma GCC unroll 32
+        for (int j = 0; j < N; ++j) sum += tap(c, j, b, N);
+    } else {
+        int j = 0;
+        for (; j + 4 <= n; j += 4) {
+            sum += tap(c, j, b, n) + tap(c, j + 1, b, n) + tap(c, j + 2, b, n) + tap(c, j + 3, b, n);
+        }
+#pragma GCC unroll 1
+        for (; j < n; ++j) sum += tap(c, j, b, n);
+    }
+    return sum;
+}
+
+// Samples n + 1 onwards for any order, with the coefficients adapted in place. The sum is taken as the sum of c[j] × b[n − j] less b[0] times the sum of the
 // coefficients (the same number in wrapping arithmetic, one step fewer a tap); the
 // coefficient sum follows each coefficient the adaptation changes. A shift pair by wrap
 // (32 minus the read size) and the mask keep (all ones, none for a read size of 0 or less)
-// wrap each sample to the read size.
-void predict_any(const int32_t* r, int32_t* out, int count, int wrap, int32_t keep, int16_t* c,
-                 int n, int q) {
+// wrap each sample to the read size. N is the order when it is fixed at compile time (the
+// sum then unrolls completely), 0 when it is only known at run time.
+template <int N>
+void predict_long(const int32_t* r, int32_t* out, int count, int wrap, int32_t keep, int16_t* c,
+                 int order, int q) {
+    const int n = N > 0 ? N : order;
     uint32_t c_sum = 0;
     for (int j = 0; j < n; ++j) c_sum += static_cast<uint32_t>(int32_t{c[j]});
     const uint32_t rounding = q > 0 ? 1u << (q - 1) : 0u;
     for (int i = n + 1; i < count; ++i) {
         const int32_t* b = out + i - n - 1;
         const int32_t e = r[i];
-        uint32_t sum = 0;
-#pragma GCC unroll 8
-        for (int j = 0; j < n; ++j) {
-            sum += static_cast<uint32_t>(int32_t{c[j]}) * static_cast<uint32_t>(b[n - j]);
-        }
-        sum -= static_cast<uint32_t>(b[0]) * c_sum;
+        const uint32_t sum = weighted_sum<N>(c, n, b) - static_cast<uint32_t>(b[0]) * c_sum;
         const int32_t p = static_cast<int32_t>(sum + rounding) >> q;
         out[i] = (alac_arith::shl(add(add(p, b[0]), e), wrap) >> wrap) & keep;
         if (e > 0) {
@@ -139,15 +159,21 @@ void fir_adaptive_reconstruct(const int32_t* r, int32_t* out, int count, int rea
 
     if (read_size <= 0) {
         // Only damaged frames get here: every sample wraps to nothing.
-        return predict_any(r, out, count, 31, 0, c, n, q);
+        return predict_long<0>(r, out, count, 31, 0, c, n, q);
     }
     const int wrap = 32 - std::min(read_size, 32);
-    // The orders encoders use most get fixed-length loops.
+    // The short orders encoders use most get loops of their own.
     switch (n) {
-        case 4: return predict_fixed<4>(r, out, count, wrap, c, q);
-        case 5: return predict_fixed<5>(r, out, count, wrap, c, q);
-        case 6: return predict_fixed<6>(r, out, count, wrap, c, q);
-        case 8: return predict_fixed<8>(r, out, count, wrap, c, q);
-        default: return predict_any(r, out, count, wrap, -1, c, n, q);
+        case 1: return predict_short<1>(r, out, count, wrap, c, q);
+        case 2: return predict_short<2>(r, out, count, wrap, c, q);
+        case 3: return predict_short<3>(r, out, count, wrap, c, q);
+        case 4: return predict_short<4>(r, out, count, wrap, c, q);
+        case 5: return predict_short<5>(r, out, count, wrap, c, q);
+        case 6: return predict_short<6>(r, out, count, wrap, c, q);
+        case 7: return predict_short<7>(r, out, count, wrap, c, q);
+        case 8: return predict_short<8>(r, out, count, wrap, c, q);
+        // The longest predictor there is (31 stands for none).
+        case 30: return predict_long<30>(r, out, count, wrap, -1, c, n, q);
+        default: return predict_long<0>(r, out, count, wrap, -1, c, n, q);
     }
 }
