@@ -144,7 +144,8 @@ void rice_decode_block(alac_decoder* d, int32_t* out, int count, int e, int init
             v = static_cast<int32_t>(value + sign_modifier);  // below 2^25 + 1
             *o = unfold_small(static_cast<uint32_t>(v));
         } else {
-            v = add(read_value_slowly(d, &c, e, k, 0xFFFFFFFFu), static_cast<int32_t>(sign_modifier));
+            v = add(read_value_slowly(d, &c, e, k, 0xFFFFFFFFu),
+                    static_cast<int32_t>(sign_modifier));
             *o = unfold(v);
         }
         sign_modifier = 0;

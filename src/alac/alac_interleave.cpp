@@ -28,7 +28,8 @@ inline void unmix(int32_t a, int32_t b, int shift, int weight, int32_t* left, in
 // A left and a right 16-bit slot, as one 32-bit store where the host is little-endian.
 inline void put_pair16(uint8_t* slot, int32_t left, int32_t right) {
     if constexpr (std::endian::native == std::endian::little) {
-        const uint32_t pair = (static_cast<uint32_t>(left) & 0xFFFFu) | (static_cast<uint32_t>(right) << 16);
+        const uint32_t pair =
+            (static_cast<uint32_t>(left) & 0xFFFFu) | (static_cast<uint32_t>(right) << 16);
         std::memcpy(slot, &pair, sizeof pair);
     } else {
         put16(slot, left);
@@ -39,8 +40,9 @@ inline void put_pair16(uint8_t* slot, int32_t left, int32_t right) {
 // A left and a right 24-bit slot, as one 6-byte copy where the host is little-endian.
 inline void put_pair24(uint8_t* slot, int32_t left, int32_t right) {
     if constexpr (std::endian::native == std::endian::little) {
-        const uint64_t pair = (static_cast<uint64_t>(static_cast<uint32_t>(left)) & 0xFFFFFFu) |
-                              (static_cast<uint64_t>(static_cast<uint32_t>(right) & 0xFFFFFFu) << 24);
+        const uint64_t pair =
+            (static_cast<uint64_t>(static_cast<uint32_t>(left)) & 0xFFFFFFu) |
+            (static_cast<uint64_t>(static_cast<uint32_t>(right) & 0xFFFFFFu) << 24);
         std::memcpy(slot, &pair, 6);
     } else {
         put24(slot, left);

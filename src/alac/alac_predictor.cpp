@@ -105,7 +105,8 @@ inline uint32_t weighted_sum(const int16_t* c, int n, const int32_t* b) {
     } else {
         int j = 0;
         for (; j + 4 <= n; j += 4) {
-            sum += tap(c, j, b, n) + tap(c, j + 1, b, n) + tap(c, j + 2, b, n) + tap(c, j + 3, b, n);
+            sum +=
+                tap(c, j, b, n) + tap(c, j + 1, b, n) + tap(c, j + 2, b, n) + tap(c, j + 3, b, n);
         }
 #pragma GCC unroll 1
         for (; j < n; ++j) sum += tap(c, j, b, n);
@@ -113,15 +114,15 @@ inline uint32_t weighted_sum(const int16_t* c, int n, const int32_t* b) {
     return sum;
 }
 
-// Samples n + 1 onwards for any order, with the coefficients adapted in place. The sum is taken as the sum of c[j] × b[n − j] less b[0] times the sum of the
-// coefficients (the same number in wrapping arithmetic, one step fewer a tap); the
-// coefficient sum follows each coefficient the adaptation changes. A shift pair by wrap
-// (32 minus the read size) and the mask keep (all ones, none for a read size of 0 or less)
-// wrap each sample to the read size. N is the order when it is fixed at compile time (the
-// sum then unrolls completely), 0 when it is only known at run time.
+// Samples n + 1 onwards for any order, with the coefficients adapted in place. The sum is taken as
+// the sum of c[j] × b[n − j] less b[0] times the sum of the coefficients (the same number in
+// wrapping arithmetic, one step fewer a tap); the coefficient sum follows each coefficient the
+// adaptation changes. A shift pair by wrap (32 minus the read size) and the mask keep (all ones,
+// none for a read size of 0 or less) wrap each sample to the read size. N is the order when it is
+// fixed at compile time (the sum then unrolls completely), 0 when it is only known at run time.
 template <int N>
 void predict_long(const int32_t* r, int32_t* out, int count, int wrap, int32_t keep, int16_t* c,
-                 int order, int q) {
+                  int order, int q) {
     const int n = N > 0 ? N : order;
     uint32_t c_sum = 0;
     for (int j = 0; j < n; ++j) c_sum += static_cast<uint32_t>(int32_t{c[j]});
@@ -162,18 +163,13 @@ void fir_adaptive_reconstruct(const int32_t* r, int32_t* out, int count, int rea
         return predict_long<0>(r, out, count, 31, 0, c, n, q);
     }
     const int wrap = 32 - std::min(read_size, 32);
-    // The short orders encoders use most get loops of their own.
-    switch (n) {
-        case 1: return predict_short<1>(r, out, count, wrap, c, q);
-        case 2: return predict_short<2>(r, out, count, wrap, c, q);
-        case 3: return predict_short<3>(r, out, count, wrap, c, q);
-        case 4: return predict_short<4>(r, out, count, wrap, c, q);
-        case 5: return predict_short<5>(r, out, count, wrap, c, q);
-        case 6: return predict_short<6>(r, out, count, wrap, c, q);
-        case 7: return predict_short<7>(r, out, count, wrap, c, q);
-        case 8: return predict_short<8>(r, out, count, wrap, c, q);
-        // The longest predictor there is (31 stands for none).
-        case 30: return predict_long<30>(r, out, count, wrap, -1, c, n, q);
-        default: return predict_long<0>(r, out, count, wrap, -1, c, n, q);
-    }
+    // The short orders encoders use most get loops of their own, the longest predictor there
+    // is (31 stands for none) an unrolled sum.
+    using short_predictor = void (*)(const int32_t*, int32_t*, int, int, int16_t*, int);
+    static constexpr short_predictor kShort[] = {
+        nullptr,          predict_short<1>, predict_short<2>, predict_short<3>, predict_short<4>,
+        predict_short<5>, predict_short<6>, predict_short<7>, predict_short<8>};
+    if (n > 0 && n <= 8) return kShort[n](r, out, count, wrap, c, q);
+    if (n == 30) return predict_long<30>(r, out, count, wrap, -1, c, n, q);
+    predict_long<0>(r, out, count, wrap, -1, c, n, q);
 }
