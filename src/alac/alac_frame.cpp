@@ -47,13 +47,15 @@ bool fits(const alac_decoder* d, int count, int slots_written, size_t out_capaci
 }
 
 void read_channel_params(alac_decoder* d, channel_params* p) {
-    p->prediction_type = static_cast<int>(bit_reader_get(d, 4));
-    p->quant_shift = static_cast<int>(bit_reader_get(d, 4));
-    p->rice_modifier = static_cast<int>(bit_reader_get(d, 3));
-    p->coef_count = static_cast<int>(bit_reader_get(d, 5));
+    alac_bits::cursor c = alac_bits::cursor_of(d);
+    p->prediction_type = static_cast<int>(alac_bits::take(&c, 4));
+    p->quant_shift = static_cast<int>(alac_bits::take(&c, 4));
+    p->rice_modifier = static_cast<int>(alac_bits::take(&c, 3));
+    p->coef_count = static_cast<int>(alac_bits::take(&c, 5));
     for (int j = 0; j < p->coef_count; ++j) {
-        p->coefs[j] = static_cast<int16_t>(bit_reader_get(d, 16));
+        p->coefs[j] = static_cast<int16_t>(alac_bits::take(&c, 16));
     }
+    alac_bits::hand_back(d, c);
 }
 
 void decode_channel(alac_decoder* d, channel_params* p, std::vector<int32_t>* error,
