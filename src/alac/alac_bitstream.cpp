@@ -7,24 +7,9 @@
 
 namespace {
 
-// The four bytes at byte pos, first byte highest. Bytes past the end of the frame read as
-// zero: a damaged frame may ask for more bits than it holds.
-inline uint32_t load32(const uint8_t* data, size_t size, size_t pos) {
-    if (size >= 4 && pos <= size - 4) {
-        const uint8_t* p = data + pos;
-        return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
-    }
-    uint32_t window = 0;
-    for (size_t k = 0; k < 4; ++k) {
-        window <<= 8;
-        if (pos + k < size) window |= data[pos + k];
-    }
-    return window;
-}
-
 // The three bytes at the read position, first byte highest.
 inline uint32_t peek24(const alac_decoder* d) {
-    return load32(d->input, d->input_size, d->input_pos) >> 8;
+    return alac_bits::load32(d->input, d->input_size, d->input_pos) >> 8;
 }
 
 inline void advance(alac_decoder* d, int n) {
@@ -87,10 +72,11 @@ int32_t rice_read_value(alac_decoder* d, int e, int k, uint32_t m) {
 namespace {
 
 // Rice parameter of the next residual: floor(log2((history >> 9) + 3)), at most the limit.
+// (A damaged frame can drive history negative; a base of 0 or 1 then gives 0, which reads
+// the same as the -1 that counting the leading zeros of 0 would give.)
 inline int residual_parameter(int32_t history, int limit) {
-    const uint32_t base = static_cast<uint32_t>((history >> 9) + 3);
-    const int t = 31 - limit - std::countl_zero(base);
-    return t < 0 ? t + limit : limit;
+    const uint32_t base = static_cast<uint32_t>(alac_arith::add(history >> 9, 3));
+    return std::min(31 ^ std::countl_zero(base | 1u), limit);  // 31 - clz, as one bit scan
 }
 
 // Zero residual v = 0, 1, 2, 3, 4 ... maps to 0, -1, 1, -2, 2 ...
@@ -99,52 +85,46 @@ inline int32_t unfold(int32_t v) {
     return (v & 1) ? -half : half;
 }
 
-}  // namespace
-
-namespace {
-
-// The read position of a block of residuals, kept in a register while the block is decoded
-// and handed back to the decoder at its end (or for a value the fast path leaves alone).
-struct bit_cursor {
-    const uint8_t* data;
-    size_t size;
-    size_t bit;  // bits consumed since data
-};
-
-// At least the next 25 bits, left-aligned, zeros below them.
-inline uint32_t peek(const bit_cursor& c) {
-    return load32(c.data, c.size, c.bit >> 3) << (c.bit & 7);
+// The same for 0 <= v < 2^31 - 1, where it is a shift and a conditional complement.
+inline int32_t unfold_small(uint32_t v) {
+    return static_cast<int32_t>((v >> 1) ^ (0u - (v & 1u)));
 }
 
 // Escapes and parameters outside 1..16 go through the decoder's own reader.
-int32_t read_value_slowly(alac_decoder* d, bit_cursor* c, int e, int k, uint32_t m) {
-    d->input_pos = c->bit >> 3;
-    d->bit_offset = static_cast<int>(c->bit & 7);
+int32_t read_value_slowly(alac_decoder* d, alac_bits::cursor* c, int e, int k, uint32_t m) {
+    alac_bits::hand_back(d, *c);
     const int32_t value = rice_read_value(d, e, k, m);
-    c->bit = d->input_pos * 8 + static_cast<size_t>(d->bit_offset);
+    *c = alac_bits::cursor_of(d);
     return value;
 }
 
-// rice_read_value from one peek: a prefix of up to 8 ones, its zero and k <= 16 extra bits
-// make at most 25 bits.
-inline int32_t read_value(alac_decoder* d, bit_cursor* c, int e, int k, uint32_t m) {
-    const uint32_t window = peek(*c);
-    const int x = std::countl_one(window);
-    if (x > 8 || static_cast<unsigned>(k - 1) > 15u) [[unlikely]] {
-        return read_value_slowly(d, c, e, k, m);
+// rice_read_value from one peek, for the common cases: a prefix of at most 8 ones with
+// 1 <= k <= 16 (the prefix, its zero and the k extra bits make at most 25 bits), or an escape
+// of 1 <= e <= 25 bits. Returns false, having read nothing, for any other value.
+inline bool read_value_fast(alac_bits::cursor* c, int e, int k, uint32_t m, uint32_t* value) {
+    const uint32_t window = alac_bits::peek(*c);
+    if (window >= 0xFF800000u) {
+        // Nine ones: the value follows verbatim in e bits, with no terminating zero before it.
+        if (static_cast<unsigned>(e - 1) > 24u) return false;
+        c->bit += 9;
+        *value = alac_bits::take(c, e);
+        return true;
     }
-    // With k = 1 the value is the count of ones. The general case below gives that too
-    // (one extra bit, always given back) unless the mask clears bit 0.
-    if (k == 1 && (m & 1u) == 0) {
-        c->bit += static_cast<size_t>(x) + 1;
-        return x;
-    }
+    if (static_cast<unsigned>(k - 1) > 15u) return false;
+    // With k = 1 the value is the count of ones, which the general case below gives too (one
+    // extra bit, always given back) unless the mask clears bit 0.
+    if (k == 1 && (m & 1u) == 0) return false;
+    const int x = std::countl_zero(~window);  // below 9: the window has a zero in its top 9
     const uint32_t extra = (window << (x + 1)) >> (32 - k);
-    const uint32_t scaled = static_cast<uint32_t>(x) * (((1u << k) - 1) & m);
+    // x × ((2^k − 1) & m); residuals have m all ones, where that is a shift and a subtraction.
+    const uint32_t ones = static_cast<uint32_t>(x);
+    const uint32_t scaled = m == 0xFFFFFFFFu ? (ones << k) - ones : ones * (((1u << k) - 1) & m);
     // Extra values 0 and 1 are coded in k - 1 bits: the last bit belongs to the next value.
-    const bool full = extra > 1;
-    c->bit += static_cast<size_t>(x + k + (full ? 1 : 0));
-    return static_cast<int32_t>(full ? scaled + extra - 1 : scaled);
+    // Which of the two it is, is data, so it is worked out without a branch.
+    const uint32_t full = (1u - extra) >> 31;  // extra > 1
+    *value = scaled + ((extra - 1) & (0u - full));
+    c->bit += static_cast<size_t>(x + k) + full;
+    return true;
 }
 
 }  // namespace
@@ -152,32 +132,44 @@ inline int32_t read_value(alac_decoder* d, bit_cursor* c, int e, int k, uint32_t
 void rice_decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_history,
                        int limit, int history_mult, uint32_t run_mask) {
     using namespace alac_arith;
-    bit_cursor c{d->input, d->input_size, d->input_pos * 8 + static_cast<size_t>(d->bit_offset)};
+    alac_bits::cursor c = alac_bits::cursor_of(d);
     int32_t history = initial_history;
-    int32_t sign_modifier = 0;
-    for (int i = 0; i < count; ++i) {
+    uint32_t sign_modifier = 0;
+    int32_t* const end = out + std::max(count, 0);
+    for (int32_t* o = out; o < end; ++o) {
         const int k = residual_parameter(history, limit);
-        const int32_t v = add(read_value(d, &c, e, k, 0xFFFFFFFFu), sign_modifier);
-        out[i] = unfold(v);
+        uint32_t value;
+        int32_t v;
+        if (read_value_fast(&c, e, k, 0xFFFFFFFFu, &value)) [[likely]] {
+            v = static_cast<int32_t>(value + sign_modifier);  // below 2^25 + 1
+            *o = unfold_small(static_cast<uint32_t>(v));
+        } else {
+            v = add(read_value_slowly(d, &c, e, k, 0xFFFFFFFFu),
+                    static_cast<int32_t>(sign_modifier));
+            *o = unfold(v);
+        }
         sign_modifier = 0;
         history = sub(add(history, mul(v, history_mult)), mul(history, history_mult) >> 9);
         if (v > 0xFFFF) history = 0xFFFF;
 
-        if (history < 128 && i + 1 < count) [[unlikely]] {
+        if (history < 128 && end - o > 1) [[unlikely]] {
             // Quiet passage: a count of zero residuals follows.
             sign_modifier = 1;
             const int run_k =
                 std::countl_zero(static_cast<uint32_t>(history)) + (history + 16) / 64 - 24;
-            const int32_t run = read_value(d, &c, 16, run_k, run_mask);
+            int32_t run;
+            if (read_value_fast(&c, 16, run_k, run_mask, &value)) {
+                run = static_cast<int32_t>(value);
+            } else {
+                run = read_value_slowly(d, &c, 16, run_k, run_mask);
+            }
             if (run > 0) {
-                const int fill = std::min(run, count - i - 1);
-                std::fill(out + i + 1, out + i + 1 + fill, 0);
-                i += fill;
+                const int32_t* last = o + std::min<ptrdiff_t>(run, end - o - 1);
+                for (; o < last;) *++o = 0;
             }
             if (run > 0xFFFF) sign_modifier = 0;
             history = 0;
         }
     }
-    d->input_pos = c.bit >> 3;
-    d->bit_offset = static_cast<int>(c.bit & 7);
+    alac_bits::hand_back(d, c);
 }

@@ -47,13 +47,15 @@ bool fits(const alac_decoder* d, int count, int slots_written, size_t out_capaci
 }
 
 void read_channel_params(alac_decoder* d, channel_params* p) {
-    p->prediction_type = static_cast<int>(bit_reader_get(d, 4));
-    p->quant_shift = static_cast<int>(bit_reader_get(d, 4));
-    p->rice_modifier = static_cast<int>(bit_reader_get(d, 3));
-    p->coef_count = static_cast<int>(bit_reader_get(d, 5));
+    alac_bits::cursor c = alac_bits::cursor_of(d);
+    p->prediction_type = static_cast<int>(alac_bits::take(&c, 4));
+    p->quant_shift = static_cast<int>(alac_bits::take(&c, 4));
+    p->rice_modifier = static_cast<int>(alac_bits::take(&c, 3));
+    p->coef_count = static_cast<int>(alac_bits::take(&c, 5));
     for (int j = 0; j < p->coef_count; ++j) {
-        p->coefs[j] = static_cast<int16_t>(bit_reader_get(d, 16));
+        p->coefs[j] = static_cast<int16_t>(alac_bits::take(&c, 16));
     }
+    alac_bits::hand_back(d, c);
 }
 
 void decode_channel(alac_decoder* d, channel_params* p, std::vector<int32_t>* error,
@@ -78,6 +80,43 @@ int32_t read_verbatim_sample(alac_decoder* d) {
     const uint32_t low = bit_reader_get_long(d, rest);
     const uint32_t value = (rest >= 32 ? 0u : high << rest) | low;
     return sign_extend(static_cast<int32_t>(value), 24);
+}
+
+// The uncoded low bytes (1..3) of every sample into low-bytes A (and B for stereo, taking
+// turns per sample).
+void read_low_bytes(alac_decoder* d, int count, int low_bytes, bool stereo) {
+    int32_t* a = d->low_bytes_a.data();
+    int32_t* b = d->low_bytes_b.data();
+    const int bits = 8 * low_bytes;
+    alac_bits::cursor c = alac_bits::cursor_of(d);
+    for (int i = 0; i < count; ++i) {
+        a[i] = static_cast<int32_t>(alac_bits::take(&c, bits));
+        if (stereo) b[i] = static_cast<int32_t>(alac_bits::take(&c, bits));
+    }
+    alac_bits::hand_back(d, c);
+}
+
+// The verbatim samples of a frame into output A (and B for stereo, taking turns per sample).
+// Samples of up to 25 bits come from one peek each: a wide sample's 16 bits and the rest
+// read back to back are its bits read at once.
+void read_verbatim(alac_decoder* d, int count, bool stereo) {
+    int32_t* a = d->output_a.data();
+    int32_t* b = d->output_b.data();
+    const int depth = d->bit_depth;
+    if (depth < 1 || depth > 25) {
+        for (int i = 0; i < count; ++i) {
+            a[i] = read_verbatim_sample(d);
+            if (stereo) b[i] = read_verbatim_sample(d);
+        }
+        return;
+    }
+    const int width = depth <= 16 ? depth : 24;  // the bit that becomes the sign, plus one
+    alac_bits::cursor c = alac_bits::cursor_of(d);
+    for (int i = 0; i < count; ++i) {
+        a[i] = sign_extend(static_cast<int32_t>(alac_bits::take(&c, depth)), width);
+        if (stereo) b[i] = sign_extend(static_cast<int32_t>(alac_bits::take(&c, depth)), width);
+    }
+    alac_bits::hand_back(d, c);
 }
 
 void write_mono(const alac_decoder* d, uint8_t* out, int count, int low_bytes) {
@@ -118,12 +157,10 @@ void decode_mono(alac_decoder* d, frame_header h, uint8_t* out) {
         bit_reader_get(d, 8);
         channel_params a;
         read_channel_params(d, &a);
-        for (int i = 0; h.low_bytes != 0 && i < h.count; ++i) {
-            d->low_bytes_a[i] = static_cast<int32_t>(bit_reader_get_long(d, 8 * h.low_bytes));
-        }
+        if (h.low_bytes != 0) read_low_bytes(d, h.count, h.low_bytes, false);
         decode_channel(d, &a, &d->error_a, &d->output_a, h.count, read_size);
     } else {
-        for (int i = 0; i < h.count; ++i) d->output_a[i] = read_verbatim_sample(d);
+        read_verbatim(d, h.count, false);
         h.low_bytes = 0;
     }
     write_output(d, h, out, 0, 0);
@@ -140,17 +177,11 @@ void decode_stereo(alac_decoder* d, frame_header h, uint8_t* out) {
         channel_params b;
         read_channel_params(d, &a);
         read_channel_params(d, &b);
-        for (int i = 0; h.low_bytes != 0 && i < h.count; ++i) {
-            d->low_bytes_a[i] = static_cast<int32_t>(bit_reader_get_long(d, 8 * h.low_bytes));
-            d->low_bytes_b[i] = static_cast<int32_t>(bit_reader_get_long(d, 8 * h.low_bytes));
-        }
+        if (h.low_bytes != 0) read_low_bytes(d, h.count, h.low_bytes, true);
         decode_channel(d, &a, &d->error_a, &d->output_a, h.count, read_size);
         decode_channel(d, &b, &d->error_b, &d->output_b, h.count, read_size);
     } else {
-        for (int i = 0; i < h.count; ++i) {
-            d->output_a[i] = read_verbatim_sample(d);
-            d->output_b[i] = read_verbatim_sample(d);
-        }
+        read_verbatim(d, h.count, true);
         h.low_bytes = 0;
     }
     write_output(d, h, out, shift, weight);

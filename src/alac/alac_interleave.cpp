@@ -1,5 +1,7 @@
 // Stereo decorrelation undone and PCM written little-endian into the caller's buffer.
 #include <algorithm>
+#include <bit>
+#include <cstring>
 
 #include "alac/alac.h"
 #include "alac/alac_internal.h"
@@ -23,6 +25,31 @@ inline void unmix(int32_t a, int32_t b, int shift, int weight, int32_t* left, in
     *left = add(*right, b);
 }
 
+// A left and a right 16-bit slot, as one 32-bit store where the host is little-endian.
+inline void put_pair16(uint8_t* slot, int32_t left, int32_t right) {
+    if constexpr (std::endian::native == std::endian::little) {
+        const uint32_t pair =
+            (static_cast<uint32_t>(left) & 0xFFFFu) | (static_cast<uint32_t>(right) << 16);
+        std::memcpy(slot, &pair, sizeof pair);
+    } else {
+        put16(slot, left);
+        put16(slot + 2, right);
+    }
+}
+
+// A left and a right 24-bit slot, as one 6-byte copy where the host is little-endian.
+inline void put_pair24(uint8_t* slot, int32_t left, int32_t right) {
+    if constexpr (std::endian::native == std::endian::little) {
+        const uint64_t pair =
+            (static_cast<uint64_t>(static_cast<uint32_t>(left)) & 0xFFFFFFu) |
+            (static_cast<uint64_t>(static_cast<uint32_t>(right) & 0xFFFFFFu) << 24);
+        std::memcpy(slot, &pair, 6);
+    } else {
+        put24(slot, left);
+        put24(slot + 3, right);
+    }
+}
+
 }  // namespace
 
 void stereo_interleave_16(const int32_t* a, const int32_t* b, uint8_t* out, int channels, int count,
@@ -33,34 +60,29 @@ void stereo_interleave_16(const int32_t* a, const int32_t* b, uint8_t* out, int 
     const size_t stride = static_cast<size_t>(channels) * 2;
     if (weight == 0) {
         for (int i = 0; i < count; ++i) {
-            uint8_t* slot = out + static_cast<size_t>(i) * stride;
-            put16(slot, a[i]);
-            put16(slot + 2, b[i]);
+            put_pair16(out + static_cast<size_t>(i) * stride, a[i], b[i]);
         }
         return;
     }
     const int bits = std::clamp(shift, 0, 31);
     for (int i = 0; i < count; ++i) {
         const int32_t right = sub(a[i], alac_arith::mul(b[i], weight) >> bits);
-        uint8_t* slot = out + static_cast<size_t>(i) * stride;
-        put16(slot, add(right, b[i]));
-        put16(slot + 2, right);
+        put_pair16(out + static_cast<size_t>(i) * stride, add(right, b[i]), right);
     }
 }
 
 void stereo_interleave_24(const int32_t* a, const int32_t* b, int low_bytes, const int32_t* low_a,
                           const int32_t* low_b, uint8_t* out, int channels, int count, int shift,
                           int weight) {
+    const size_t stride = static_cast<size_t>(channels) * 3;
     for (int i = 0; i < count; ++i) {
         int32_t left;
         int32_t right;
         unmix(a[i], b[i], shift, weight, &left, &right);
-        uint8_t* slot = out + static_cast<size_t>(i) * channels * 3;
         if (low_bytes != 0) {
             left = widen(left, low_bytes, low_a[i]);
             right = widen(right, low_bytes, low_b[i]);
         }
-        put24(slot, left);
-        put24(slot + 3, right);
+        put_pair24(out + static_cast<size_t>(i) * stride, left, right);
     }
 }

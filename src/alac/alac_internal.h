@@ -4,7 +4,10 @@
 // instructions.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+
+#include "alac/alac.h"
 
 namespace alac_arith {
 
@@ -64,3 +67,60 @@ inline void put24(uint8_t* p, int32_t v) {
 }
 
 }  // namespace alac_arith
+
+// The bit reader's fast lane: a read position kept in registers while a run of values is read,
+// and handed back to the decoder when the run ends.
+namespace alac_bits {
+
+// The four bytes at byte pos, first byte highest. Bytes past the end of the frame read as
+// zero: a damaged frame may ask for more bits than it holds.
+inline uint32_t load32(const uint8_t* data, size_t size, size_t pos) {
+    if (size >= 4 && pos <= size - 4) {
+        const uint8_t* p = data + pos;
+        return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
+    }
+    uint32_t window = 0;
+    for (size_t k = 0; k < 4; ++k) {
+        window <<= 8;
+        if (pos + k < size) window |= data[pos + k];
+    }
+    return window;
+}
+
+struct cursor {
+    const uint8_t* data;
+    size_t size;
+    size_t whole_words;  // byte positions below this have four bytes of the frame to load
+    size_t bit;          // bits consumed since data
+};
+
+inline cursor cursor_of(const alac_decoder* d) {
+    return {d->input, d->input_size, d->input_size >= 4 ? d->input_size - 3 : 0,
+            d->input_pos * 8 + static_cast<size_t>(d->bit_offset)};
+}
+
+inline void hand_back(alac_decoder* d, const cursor& c) {
+    d->input_pos = c.bit >> 3;
+    d->bit_offset = static_cast<int>(c.bit & 7);
+}
+
+// At least the next 25 bits, left-aligned, zeros below them.
+inline uint32_t peek(const cursor& c) {
+    const size_t pos = c.bit >> 3;
+    if (pos < c.whole_words) [[likely]] {
+        const uint8_t* p = c.data + pos;
+        const uint32_t word =
+            (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
+        return word << (c.bit & 7);
+    }
+    return load32(c.data, c.size, pos) << (c.bit & 7);
+}
+
+// The next n bits, 1 <= n <= 25.
+inline uint32_t take(cursor* c, int n) {
+    const uint32_t value = peek(*c) >> (32 - n);
+    c->bit += static_cast<size_t>(n);
+    return value;
+}
+
+}  // namespace alac_bits

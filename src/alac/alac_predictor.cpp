@@ -1,5 +1,9 @@
 // The adaptive FIR predictor: rebuilds samples from residuals and adapts its coefficients
 // toward whatever reduces the next residual (a sign-sign LMS step).
+//
+// Each sample is predicted from the window b of the n + 1 samples before it (b[0] the oldest)
+// as the sum of c[j] × (b[n − j] − b[0]). After it, the coefficients move one step each,
+// nearest tap first, until the residual is used up.
 #include <algorithm>
 
 #include "alac/alac.h"
@@ -7,71 +11,133 @@
 
 namespace {
 
+using alac_arith::add;
+using alac_arith::mul;
+using alac_arith::sub;
+
 // d times its own sign: its magnitude, except that the most negative value stays as it is.
 inline int32_t magnitude(int32_t d) {
-    return d < 0 ? alac_arith::sub(0, d) : d;
+    return d < 0 ? sub(0, d) : d;
 }
 
-// Moves the coefficients against the residual e, whose sign is Sign, until the residual they
-// account for has been used up. Written for each sign so that the step is a magnitude.
+// One adaptation step on tap j, whose difference to the oldest sample is d = b[0] − b[n − j]:
+// moves c[j] against the residual e, whose sign is Sign, and returns what is left of e.
+// Written for each sign so that the step is a magnitude.
 template <int Sign>
-inline void adapt(int16_t* c, int n, int q, const int32_t* b, int32_t e) {
-    using namespace alac_arith;
-#pragma GCC unroll 8
+inline int32_t adapt_tap(int16_t* c, int j, int n, int q, int32_t d, int32_t e) {
+    c[j] = static_cast<int16_t>(c[j] - Sign * alac_arith::sign_of(d));
+    // d times Sign * sign(d): Sign times its magnitude.
+    const int32_t step = Sign > 0 ? magnitude(d) : sub(0, magnitude(d));
+    return sub(e, mul(step >> q, n - j));
+}
+
+template <int Sign>
+inline bool used_up(int32_t e) {
+    return Sign > 0 ? e <= 0 : e >= 0;
+}
+
+// Adapts the n coefficients in place against residual e over window b; returns the change
+// of their sum.
+template <int Sign>
+inline uint32_t adapt_in_place(int16_t* c, int n, int q, const int32_t* b, int32_t e) {
+    uint32_t change = 0;
     for (int j = n - 1; j >= 0; --j) {
-        const int32_t d = sub(b[0], b[n - j]);
-        c[j] = static_cast<int16_t>(c[j] - Sign * sign_of(d));
-        // d times Sign * sign(d): Sign times its magnitude.
-        const int32_t step = Sign > 0 ? magnitude(d) : sub(0, magnitude(d));
-        e = sub(e, mul(step >> q, n - j));
-        if (Sign > 0 ? e <= 0 : e >= 0) return;
+        const int16_t before = c[j];
+        e = adapt_tap<Sign>(c, j, n, q, sub(b[0], b[n - j]), e);
+        change += static_cast<uint32_t>(int32_t{c[j]} - int32_t{before});
+        if (used_up<Sign>(e)) break;
+    }
+    return change;
+}
+
+// The same for the N coefficients of a fixed order, given the differences d[j] = b[0] − b[N − j].
+template <int Sign, int N>
+inline void adapt_locals(int16_t* c, int q, const int32_t* d, int32_t e) {
+#pragma GCC unroll 32
+    for (int j = N - 1; j >= 0; --j) {
+        e = adapt_tap<Sign>(c, j, N, q, d[j], e);
+        if (used_up<Sign>(e)) return;
     }
 }
 
-// The sum of the n coefficients.
-inline uint32_t coefficient_sum(const int16_t* c, int n) {
+// Samples N + 1 onwards for a short order known at compile time. The coefficients and the
+// differences d[j] = b[0] − b[N − j] live in locals, which the compiler keeps in registers
+// once the loops are unrolled; each difference serves the sum and the adaptation.
+template <int N>
+void predict_short(const int32_t* r, int32_t* out, int count, int wrap, int16_t* coefs, int q) {
+    int16_t c[N];
+    std::copy(coefs, coefs + N, c);
+    const uint32_t rounding = q > 0 ? 1u << (q - 1) : 0u;
+    for (int i = N + 1; i < count; ++i) {
+        const int32_t* b = out + i - N - 1;
+        const int32_t e = r[i];
+        int32_t d[N];
+        uint32_t minus_sum = 0;  // the sum with the differences taken the other way round
+#pragma GCC unroll 32
+        for (int j = 0; j < N; ++j) {
+            d[j] = sub(b[0], b[N - j]);
+            minus_sum += static_cast<uint32_t>(int32_t{c[j]}) * static_cast<uint32_t>(d[j]);
+        }
+        const int32_t p = static_cast<int32_t>(rounding - minus_sum) >> q;
+        const int32_t sample = alac_arith::shl(add(add(p, b[0]), e), wrap) >> wrap;
+        out[i] = sample;
+        if (e > 0) {
+            adapt_locals<1, N>(c, q, d, e);
+        } else if (e < 0) {
+            adapt_locals<-1, N>(c, q, d, e);
+        }
+    }
+    std::copy(c, c + N, coefs);
+}
+
+inline uint32_t tap(const int16_t* c, int j, const int32_t* b, int n) {
+    return static_cast<uint32_t>(int32_t{c[j]}) * static_cast<uint32_t>(b[n - j]);
+}
+
+// The sum of c[j] × b[n − j]: all taps in a row for an order N fixed at compile time, else
+// four taps a step.
+template <int N>
+inline uint32_t weighted_sum(const int16_t* c, int n, const int32_t* b) {
     uint32_t sum = 0;
-#pragma GCC unroll 8
-    for (int j = 0; j < n; ++j) sum += static_cast<uint32_t>(int32_t{c[j]});
+    if constexpr (N > 0) {
+#pragma GCC unroll 32
+        for (int j = 0; j < N; ++j) sum += tap(c, j, b, N);
+    } else {
+        int j = 0;
+        for (; j + 4 <= n; j += 4) {
+            sum +=
+                tap(c, j, b, n) + tap(c, j + 1, b, n) + tap(c, j + 2, b, n) + tap(c, j + 3, b, n);
+        }
+#pragma GCC unroll 1
+        for (; j < n; ++j) sum += tap(c, j, b, n);
+    }
     return sum;
 }
 
-// The sum of c[j] × (b[n - j] − b[0]), taken as the sum of c[j] × b[n - j] less b[0] times
-// the sum of the coefficients: the same number in wrapping arithmetic, one step fewer a tap.
-inline uint32_t weighted_sum(const int16_t* c, int n, const int32_t* b, uint32_t c_sum) {
-    uint32_t sum = 0;
-#pragma GCC unroll 8
-    for (int j = 0; j < n; ++j) {
-        sum += static_cast<uint32_t>(int32_t{c[j]}) * static_cast<uint32_t>(b[n - j]);
-    }
-    return sum - static_cast<uint32_t>(b[0]) * c_sum;
-}
-
-// Samples n + 1 onwards. N is the order when it is known at compile time (the loops then
-// unroll), 0 when it is only known at run time.
+// Samples n + 1 onwards for any order, with the coefficients adapted in place. The sum is taken as
+// the sum of c[j] × b[n − j] less b[0] times the sum of the coefficients (the same number in
+// wrapping arithmetic, one step fewer a tap); the coefficient sum follows each coefficient the
+// adaptation changes. A shift pair by wrap (32 minus the read size) and the mask keep (all ones,
+// none for a read size of 0 or less) wrap each sample to the read size. N is the order when it is
+// fixed at compile time (the sum then unrolls completely), 0 when it is only known at run time.
 template <int N>
-void predict_and_adapt(const int32_t* r, int32_t* out, int count, int read_size, int16_t* c,
-                       int order, int q) {
-    using alac_arith::add;
+void predict_long(const int32_t* r, int32_t* out, int count, int wrap, int32_t keep, int16_t* c,
+                  int order, int q) {
     const int n = N > 0 ? N : order;
-    // sign_extend to read_size bits as a shift pair and a mask; sizes of 0 and less (only in
-    // damaged frames) leave no bits.
-    const int wrap = 32 - std::clamp(read_size, 1, 32);
-    const int32_t keep = read_size > 0 ? -1 : 0;
+    uint32_t c_sum = 0;
+    for (int j = 0; j < n; ++j) c_sum += static_cast<uint32_t>(int32_t{c[j]});
     const uint32_t rounding = q > 0 ? 1u << (q - 1) : 0u;
-    uint32_t c_sum = coefficient_sum(c, n);
     for (int i = n + 1; i < count; ++i) {
         const int32_t* b = out + i - n - 1;
         const int32_t e = r[i];
-        const int32_t p = static_cast<int32_t>(weighted_sum(c, n, b, c_sum) + rounding) >> q;
+        const uint32_t sum = weighted_sum<N>(c, n, b) - static_cast<uint32_t>(b[0]) * c_sum;
+        const int32_t p = static_cast<int32_t>(sum + rounding) >> q;
         out[i] = (alac_arith::shl(add(add(p, b[0]), e), wrap) >> wrap) & keep;
-        if (e == 0) continue;
         if (e > 0) {
-            adapt<1>(c, n, q, b, e);
-        } else {
-            adapt<-1>(c, n, q, b, e);
+            c_sum += adapt_in_place<1>(c, n, q, b, e);
+        } else if (e < 0) {
+            c_sum += adapt_in_place<-1>(c, n, q, b, e);
         }
-        c_sum = coefficient_sum(c, n);
     }
 }
 
@@ -79,26 +145,31 @@ void predict_and_adapt(const int32_t* r, int32_t* out, int count, int read_size,
 
 void fir_adaptive_reconstruct(const int32_t* r, int32_t* out, int count, int read_size, int16_t* c,
                               int n, int q) {
-    using alac_arith::add;
     using alac_arith::sign_extend;
     if (count <= 0) return;
     out[0] = r[0];
     if (n == 0) {
-        for (int i = 1; i < count; ++i) out[i] = r[i];
+        std::copy(r + 1, r + count, out + 1);
         return;
     }
     // Order 31 is no predictor at all but a plain integrator; other orders warm up the same way
     // over their first n samples (cut short by a frame that holds fewer).
     const int warm_up = n == 31 ? count - 1 : std::min(n, count - 1);
     for (int i = 0; i < warm_up; ++i) out[i + 1] = sign_extend(add(out[i], r[i + 1]), read_size);
-    if (n == 31) return;
+    if (n == 31 || count <= n + 1) return;
 
-    // The orders encoders use most get loops of fixed length.
-    switch (n) {
-        case 4: return predict_and_adapt<4>(r, out, count, read_size, c, n, q);
-        case 5: return predict_and_adapt<5>(r, out, count, read_size, c, n, q);
-        case 6: return predict_and_adapt<6>(r, out, count, read_size, c, n, q);
-        case 8: return predict_and_adapt<8>(r, out, count, read_size, c, n, q);
-        default: return predict_and_adapt<0>(r, out, count, read_size, c, n, q);
+    if (read_size <= 0) {
+        // Only damaged frames get here: every sample wraps to nothing.
+        return predict_long<0>(r, out, count, 31, 0, c, n, q);
     }
+    const int wrap = 32 - std::min(read_size, 32);
+    // The short orders encoders use most get loops of their own, the longest predictor there
+    // is (31 stands for none) an unrolled sum.
+    using short_predictor = void (*)(const int32_t*, int32_t*, int, int, int16_t*, int);
+    static constexpr short_predictor kShort[] = {
+        nullptr,          predict_short<1>, predict_short<2>, predict_short<3>, predict_short<4>,
+        predict_short<5>, predict_short<6>, predict_short<7>, predict_short<8>};
+    if (n > 0 && n <= 8) return kShort[n](r, out, count, wrap, c, q);
+    if (n == 30) return predict_long<30>(r, out, count, wrap, -1, c, n, q);
+    predict_long<0>(r, out, count, wrap, -1, c, n, q);
 }
