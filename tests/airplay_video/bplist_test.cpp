@@ -131,6 +131,9 @@ TEST(BplistReader, KeysMatchByPrefixAndTheLastMatchWins) {
 TEST(BplistReader, OtherObjectTypesAreSkipped) {
     EXPECT_EQ(parse(load("dates")).content, kUrl);
     EXPECT_EQ(parse(load("with_true")).content, kUrl);
+    Found with_false = parse(load("with_false"));
+    EXPECT_EQ(with_false.content, kUrl);
+    EXPECT_NE(with_false.log.find("[funct:readBType0]"), std::string::npos) << with_false.log;
 }
 
 TEST(BplistReader, Utf16LocationsAreNarrowedWhenAscii) {

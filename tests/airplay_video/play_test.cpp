@@ -65,6 +65,10 @@ TEST_F(VideoPlay, BinaryBodyStartsTheBareUrl) {
     EXPECT_EQ(nth_start(1), kStart + kEncodedUrl + "&arg3=show&arg4=00.250000");
     EXPECT_TRUE(box_.wait_log("s->content : " + kUrl));
     EXPECT_TRUE(sender_.wait_event("playing")) << box_.daemon_log();
+    // Boolean options beside the location: a false one is no reason to refuse the body.
+    ASSERT_TRUE(sender_.new_session());
+    EXPECT_EQ(zt::status_code(sender_.play_binary(as_text(load_bplist("with_false")))), 200);
+    EXPECT_EQ(nth_start(2), kStart + kEncodedUrl + "&arg3=show&arg4=00.000000");
 }
 
 TEST_F(VideoPlay, BodiesAreReadWholeWhenTheyArriveAfterTheirHeader) {

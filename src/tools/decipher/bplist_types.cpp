@@ -70,8 +70,12 @@ bplist_value readBType0(bplist_ctx* ctx, uint32_t info) {
     bplist_value value{};
     if (info == 9) {
         value.number = 1;
+    } else if (info == 8) {
+        // Senders put boolean options beside the location: a false is no fault of the body.
+        log_plain("[File:%s][funct:%s][line:%d] bplist unsupported false read as 0 (%s)\n",
+                  __FILE__, "readBType0", __LINE__, "0");
     } else if (info != 0) {
-        bplist_fail(ctx, "0");  // false and fill objects are not read
+        bplist_fail(ctx, "0");  // fill and undefined objects are not read
     }
     return value;
 }
