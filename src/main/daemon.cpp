@@ -207,7 +207,7 @@ int daemon_main() {
 
     if (g_daemon.airtunes_sock < 0 || g_daemon.airplay_sock < 0) {
         LOG_ERROR_BLANK("main", "Failed to create socket: %i | %i \n", g_daemon.airplay_sock,
-                     g_daemon.airtunes_sock);
+                        g_daemon.airtunes_sock);
     } else {
         start_threads();
         airplay_video_init();

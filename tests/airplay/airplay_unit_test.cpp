@@ -119,9 +119,9 @@ TEST_F(PlaybackEvent, CategoryFollowsWhatIsShownAndNeedsAReverseConnection) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(send_playback_event_xml(&g_daemon.session, "paused"), -1);
     log = testing::internal::GetCapturedStdout();
-    EXPECT_NE(log.find("send_playback_event_xml unable to send out(" + std::to_string(fds_[0]) +
-                       ")"),
-              std::string::npos)
+    EXPECT_NE(
+        log.find("send_playback_event_xml unable to send out(" + std::to_string(fds_[0]) + ")"),
+        std::string::npos)
         << log;
     EXPECT_EQ(g_daemon.session.event_socket, 0);
 }

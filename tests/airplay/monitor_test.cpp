@@ -8,8 +8,8 @@
 #include <csignal>
 #include <cstring>
 #include <memory>
-#include <thread>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "airplay/video/airplay_video.h"
@@ -216,8 +216,10 @@ TEST_F(Monitor, AStartRacingAPollEndsStarted) {
         while (!done) poll();
     });
     const std::string body = "Content-Location: http://192.0.2.20:8080/m.mp4\n";
-    const std::string head = "POST /play HTTP/1.1\r\nContent-Type: text/parameters\r\n"
-                             "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n";
+    const std::string head =
+        "POST /play HTTP/1.1\r\nContent-Type: text/parameters\r\n"
+        "Content-Length: " +
+        std::to_string(body.size()) + "\r\n\r\n";
     for (int i = 0; i < 20; ++i) {
         video_record_change([](video_record& r) {
             r.video_status = {1, 1, 0, 0, 0};

@@ -37,6 +37,7 @@ const char kAccessLog[] =
 class Session : public ::testing::Test {
    protected:
     void SetUp() override { ASSERT_TRUE(box_.start()); }
+    void TearDown() override { zt::expect_no_sanitizer_report(box_.daemon_log()); }
     static Client connect() { return Client::connect("127.0.0.1", 7000); }
     // The session id as the access log reports it.
     std::string logged_guid() {
@@ -82,9 +83,9 @@ TEST_F(Session, SessionIdIsAlwaysThe36CharactersAfterTheName) {
 
     // A name at the very end of a full header block takes what is there and no more, which
     // may be nothing at all.
-    for (auto [tail, guid] : {std::pair<std::string, std::string>{"X-Apple-Session-ID: 12345",
-                                                                  "12345"},
-                              {"X-Apple-Session-ID:", kNoSession}}) {
+    for (auto [tail, guid] :
+         {std::pair<std::string, std::string>{"X-Apple-Session-ID: 12345", "12345"},
+          {"X-Apple-Session-ID:", kNoSession}}) {
         std::string full = "GET /server-info HTTP/1.1\r\n";
         full += std::string(5119 - full.size() - tail.size(), 'a') + tail;
         Client edge = connect();

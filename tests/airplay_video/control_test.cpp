@@ -2,7 +2,10 @@
 // coalesces, as player_sim logged them with their times, and the deferred start seek.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "airplay_video/bplist_bodies.h"
@@ -26,11 +29,7 @@ class VideoControl : public ::testing::Test {
         // The monitor has seen the video play; scrubs are taken from here on.
         ASSERT_TRUE(sender_.wait_event("playing")) << box_.daemon_log();
     }
-    void TearDown() override {
-        std::string log = box_.daemon_log();
-        EXPECT_EQ(log.find("runtime error"), std::string::npos) << log;
-        EXPECT_EQ(log.find("AddressSanitizer"), std::string::npos) << log;
-    }
+    void TearDown() override { zt::expect_no_sanitizer_report(box_.daemon_log()); }
 
     // The first command with this name (time 0 and empty when there is none).
     zt::PlayerCommand first(const std::string& name) const {
@@ -131,6 +130,37 @@ TEST_F(VideoControl, ScrubAloneSeeksAtOnce) {
     EXPECT_EQ(sender_.post("/rate"), 500);
     stop();
     EXPECT_EQ(count("set_time_seek_vod"), n);
+}
+
+TEST_F(VideoControl, ABurstOfRatesAgainstALatePlayerKeepsOneSeekThread) {
+    box_.sim("/sim/delay?cmd=pause_vod&ms=1500");
+    box_.sim("/sim/delay?cmd=resume_vod&ms=1500");
+    pid_t pid = box_.daemon().pid();
+    size_t idle = zt::thread_count(pid);
+    std::atomic<bool> done{false};
+    std::atomic<size_t> most{idle};
+    std::thread watch([&] {
+        while (!done) {
+            most = std::max<size_t>(most, zt::thread_count(pid));
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+    // Alternating rates while the thread waits for the player; the last one is a pause.
+    for (int i = 0; i < 21; ++i) {
+        EXPECT_EQ(sender_.post(i % 2 ? "/rate?value=1.000000" : "/rate?value=0.000000"), 200);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    long long sent = zt::now_ms();
+    EXPECT_TRUE(
+        zt::wait_until([&] { return zt::thread_count(pid) == idle; }, std::chrono::seconds(30)));
+    done = true;
+    watch.join();
+    EXPECT_LE(most, idle + 1) << "more than one seek thread";
+    std::vector<zt::PlayerCommand> commands = zt::control_commands(box_);
+    ASSERT_FALSE(commands.empty());
+    EXPECT_EQ(commands.back().name, "pause_vod");
+    EXPECT_GT(commands.back().time_ms, sent);
+    stop();
 }
 
 TEST_F(VideoControl, ScrubWhilePausedSendsNothing) {

@@ -77,9 +77,9 @@ bool has_event_socket(const media_session* session) {
 // What one poll decided; carried out once the record's lock is released.
 struct poll_outcome {
     int status = kStopped;
-    bool special = false;          // the player still shows the stop from before the start
-    const char* event = nullptr;   // the state to tell the sender
-    int seek_target = -1;          // the deferred start seek, in seconds
+    bool special = false;         // the player still shows the stop from before the start
+    const char* event = nullptr;  // the state to tell the sender
+    int seek_target = -1;         // the deferred start seek, in seconds
 };
 
 // A successful query: report a change of state, unless the player still shows the stop

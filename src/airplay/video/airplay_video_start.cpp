@@ -8,8 +8,8 @@
 #include "airplay/video/airplay_video.h"
 #include "airplay/video/airplay_video_url.h"
 #include "tools/decipher/bplist.h"
-#include "tools/utils/log.h"
 #include "tools/utils/conn.h"
+#include "tools/utils/log.h"
 #include "tools/utils/player_client.h"
 
 namespace {
@@ -32,8 +32,7 @@ bool head_contains(const net_message& request, const char* needle) {
 // The whole body, terminated so it can be scanned as text. The bytes that came with the
 // header block are used first; bytes past Content-Length (a pipelined request) are never
 // counted as body.
-bool read_play_body(net_conn* conn, int read_count, const net_message& request,
-                    body_buffer* body) {
+bool read_play_body(net_conn* conn, int read_count, const net_message& request, body_buffer* body) {
     switch (read_body_whole(conn, &request, read_count, kMaxPlayBody, body)) {
         case kBodyOk:
             return true;
