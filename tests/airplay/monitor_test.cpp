@@ -128,21 +128,6 @@ TEST_F(Monitor, StopReportedRightAfterStartIsNotAnEvent) {
     EXPECT_EQ(events(), Events{"playing"});
 }
 
-TEST_F(Monitor, WithoutReverseConnectionTheCurrentStateWaits) {
-    started(false);
-    force("buffering");
-    EXPECT_EQ(poll(), 2);
-    force("play");
-    EXPECT_EQ(poll(), 1);
-    EXPECT_EQ(record().video_status.last_status, 0);
-    EXPECT_EQ(events(), Events{});
-
-    g_daemon.session.event_socket = fds_[0];
-    EXPECT_EQ(poll(), 1);
-    EXPECT_EQ(poll(), 1);
-    EXPECT_EQ(events(), Events{"playing"});
-}
-
 TEST_F(Monitor, RefusedQueries) {
     // Before the player has reported anything, a refusal changes nothing.
     started();
