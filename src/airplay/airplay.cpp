@@ -134,6 +134,6 @@ int airplay_dispatch(media_session* session, net_conn* conn) {
     // A failed handler still gets a well-formed reply before its connection is closed.
     airplay_send_reply(conn->sock, status < 0 ? 500 : status, &x->reply);
     // Events go to the connection only once it has its 101: none may come before it.
-    if (status == 101) session->event_socket.store(conn->sock);
+    if (status == 101) airplay_events_attach(session, conn->sock);
     return status;
 }

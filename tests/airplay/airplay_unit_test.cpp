@@ -92,7 +92,7 @@ TEST_F(PlaybackEvent, CategoryFollowsWhatIsShownAndNeedsAReverseConnection) {
     // The exact bytes are checked against the daemon; here the choice of category.
     g_daemon.session.activity_mask = kActivityVideo;
     EXPECT_EQ(send_playback_event_xml(&g_daemon.session, "playing"), -1);  // none yet
-    g_daemon.session.event_socket = fds_[0];
+    airplay_events_attach(&g_daemon.session, fds_[0]);
     int written = send_playback_event_xml(&g_daemon.session, "playing");
     std::string event = drain(fds_[1]);
     EXPECT_EQ(written, static_cast<int>(event.size()));

@@ -35,14 +35,14 @@ class Monitor : public ::testing::Test {
     }
 
     // What a successful POST /play leaves behind.
-    void started(bool with_reverse = true) {
+    void started() {
         video_record_change([](video_record& r) {
             r.video_status.status = 0;
             r.video_status.last_status = 0;
             r.video_started = 1;
             ++r.starts;
         });
-        g_daemon.session.event_socket = with_reverse ? fds_[0] : 0;
+        airplay_events_attach(&g_daemon.session, fds_[0]);
     }
     static video_record record() { return video_record_copy(); }
     static void set_start_position(float p) {
@@ -148,7 +148,7 @@ TEST_F(Monitor, RefusedQueries) {
     EXPECT_EQ(record().video_started, 1);
 
     // While playing with one: "stopped", and the video is no longer followed.
-    g_daemon.session.event_socket = fds_[0];
+    airplay_events_attach(&g_daemon.session, fds_[0]);
     refuse_next_query();
     EXPECT_EQ(poll(), 4);
     EXPECT_EQ(record().video_started, 0);

@@ -81,3 +81,11 @@ int send_playback_event_xml(media_session* session, const char* state);
 
 // Writes what is queued for the reverse connection, as far as it takes it now.
 void airplay_events_flush(media_session* session);
+
+// Whether the sender's reverse connection is still there; event_socket is forgotten when
+// its connection has gone.
+bool airplay_events_connected(media_session* session);
+
+// Makes sock (the AirPlay connection that sent POST /reverse and has had its 101) the
+// reverse connection: event_socket, with an empty queue. AirPlay thread.
+void airplay_events_attach(media_session* session, int sock);

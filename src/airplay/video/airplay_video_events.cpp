@@ -19,9 +19,11 @@ namespace {
 // Bytes of events that wait for a reverse connection that does not read: a dozen events.
 constexpr size_t kOutboxLimit = 8192;
 
-// What the reverse connection has not taken yet. The connection is known by its number and
-// its socket's inode, so a queue never passes to a later connection that got the number.
-// Written by the main loop only; the lock makes it safe for any caller all the same.
+// The reverse connection and what it has not taken yet. The connection is known by its
+// number and its socket's inode, taken when it became the reverse connection: a later
+// connection that got the number has another inode and is never written to, whether or
+// not the connection loop forgot event_socket when it closed the first. Set by the AirPlay
+// thread, written from by the main loop.
 struct event_outbox {
     std::mutex lock;
     int sock = 0;
@@ -59,12 +61,16 @@ struct reverse_handle {
     bool ok() const { return own >= 0; }
 };
 
-// Caller holds outbox.lock. A queue left by an earlier connection is forgotten.
-void adopt(const reverse_handle& h) {
-    if (outbox.sock == h.sock && outbox.inode == h.inode) return;
-    outbox.sock = h.sock;
-    outbox.inode = h.inode;
-    outbox.used = 0;
+// Caller holds outbox.lock. Whether h is the connection that asked for events.
+bool is_reverse(const reverse_handle& h) {
+    return outbox.sock == h.sock && outbox.inode == h.inode;
+}
+
+// event_socket names a connection that has gone (its number now belongs to another one):
+// forget it, and write nothing.
+void forget_gone(media_session* session, const reverse_handle& h) {
+    int expected = h.sock;
+    session->event_socket.compare_exchange_strong(expected, 0);
 }
 
 // Ends the reverse connection: the sender learns at once (a reset, not a stream that stops
@@ -89,7 +95,7 @@ bool write_queued(const reverse_handle& h) {
     size_t count;
     {
         std::lock_guard<std::mutex> hold(outbox.lock);
-        adopt(h);
+        if (!is_reverse(h)) return true;
         count = outbox.used;
         std::memcpy(chunk.data(), outbox.bytes.data(), count);
     }
@@ -97,7 +103,7 @@ bool write_queued(const reverse_handle& h) {
     ssize_t n = send(h.own, chunk.data(), count, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
     std::lock_guard<std::mutex> hold(outbox.lock);
-    if (outbox.sock == h.sock && outbox.inode == h.inode) {
+    if (is_reverse(h)) {
         size_t sent = static_cast<size_t>(n);
         std::memmove(outbox.bytes.data(), outbox.bytes.data() + sent, outbox.used - sent);
         outbox.used -= sent;
@@ -148,7 +154,10 @@ int send_playback_event_xml(media_session* session, const char* state) {
     bool queued = false;
     {
         std::lock_guard<std::mutex> hold(outbox.lock);
-        adopt(h);
+        if (!is_reverse(h)) {
+            forget_gone(session, h);
+            return -1;
+        }
         if (outbox.used + static_cast<size_t>(length) <= outbox.bytes.size()) {
             std::memcpy(outbox.bytes.data() + outbox.used, request, static_cast<size_t>(length));
             outbox.used += static_cast<size_t>(length);
@@ -165,4 +174,25 @@ int send_playback_event_xml(media_session* session, const char* state) {
 void airplay_events_flush(media_session* session) {
     reverse_handle h(session);
     if (h.ok() && !write_queued(h)) drop(session, h);
+}
+
+bool airplay_events_connected(media_session* session) {
+    reverse_handle h(session);
+    if (!h.ok()) return false;
+    std::lock_guard<std::mutex> hold(outbox.lock);
+    if (is_reverse(h)) return true;
+    forget_gone(session, h);
+    return false;
+}
+
+void airplay_events_attach(media_session* session, int sock) {
+    struct stat st {};
+    if (fstat(sock, &st) != 0) return;
+    {
+        std::lock_guard<std::mutex> hold(outbox.lock);
+        outbox.sock = sock;
+        outbox.inode = st.st_ino;
+        outbox.used = 0;
+    }
+    session->event_socket.store(sock);
 }

@@ -70,10 +70,6 @@ int parsed_status(std::string_view text) {
     return kStopped;
 }
 
-bool has_event_socket(const media_session* session) {
-    return session->event_socket.load() != 0;
-}
-
 // What one poll decided; carried out once the record's lock is released.
 struct poll_outcome {
     int status = kStopped;
@@ -145,7 +141,7 @@ int airplay_video_monitor(media_session* session) {
     if (before.video_started == 0) return kStopped;
 
     bool accepted = player_command(x, kVodInfo);
-    bool reverse = has_event_socket(session);
+    bool reverse = airplay_events_connected(session);
     poll_outcome out = video_record_change([&](video_record& r) {
         poll_outcome o;
         // An empty reply changes nothing; a reply to a query sent before the latest start
