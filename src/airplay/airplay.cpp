@@ -89,7 +89,6 @@ int recognise(media_session* session, net_conn* conn, int n, std::string_view te
     }
     if (r.begins("POST /rate")) return status_of(airplay_video_rate(x));
     if (r.begins("POST /reverse")) {
-        session->event_socket.store(conn->sock);
         std::snprintf(x->reply.head, sizeof(x->reply.head), "%s",
                       "Upgrade: PTTH/1.0\r\nConnection: Upgrade");
         return 101;
@@ -134,5 +133,7 @@ int airplay_dispatch(media_session* session, net_conn* conn) {
     int status = recognise(session, conn, n, text, x);
     // A failed handler still gets a well-formed reply before its connection is closed.
     airplay_send_reply(conn->sock, status < 0 ? 500 : status, &x->reply);
+    // Events go to the connection only once it has its 101: none may come before it.
+    if (status == 101) airplay_events_attach(session, conn->sock);
     return status;
 }

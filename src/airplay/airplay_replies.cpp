@@ -1,5 +1,6 @@
 #include "airplay/airplay_replies.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -33,9 +34,9 @@ std::string_view request_text(const net_exchange* x) {
 void take_session_id(media_session* session, std::string_view text) {
     size_t at = text.find(kSessionHeader);
     if (at == std::string_view::npos) return;
-    std::string_view id;
-    if (at + kSessionIdOffset <= text.size())
-        id = text.substr(at + kSessionIdOffset, kSessionIdLength);
+    // A header block may end within the 20 characters after the name: the id is then empty.
+    size_t from = std::min(at + kSessionIdOffset, text.size());
+    std::string_view id = text.substr(from, kSessionIdLength);
     std::memcpy(session->session_id, id.data(), id.size());
     session->session_id[id.size()] = '\0';
 }
@@ -70,9 +71,10 @@ void build_server_info(media_session* session, net_exchange* x) {
 }
 
 void build_playback_info(net_exchange* x) {
-    double duration = video_status.duration.load();
-    double position = video_status.position.load();
-    int rate = video_status.status.load() == 1 ? 1 : 0;
+    video_status_record vs = video_record_copy().video_status;
+    double duration = vs.duration;
+    double position = vs.position;
+    int rate = vs.status == 1 ? 1 : 0;
     set_head(x, kPlistType);
     std::snprintf(x->reply.body, sizeof(x->reply.body),
                   PLIST_HEAD
@@ -106,16 +108,18 @@ void build_playback_info(net_exchange* x) {
 }
 
 void build_scrub_reply(net_exchange* x) {
-    double duration = video_status.duration.load();
-    double position = video_status.position.load();
+    video_status_record vs = video_record_copy().video_status;
+    double duration = vs.duration;
+    double position = vs.position;
     set_head(x, "Content-Type: text/parameters");
     std::snprintf(x->reply.body, sizeof(x->reply.body), "duration: %f\r\nposition: %f\r\n",
                   duration, position);
 }
 
 void build_access_log(const media_session* session, net_exchange* x) {
-    int position = video_status.position.load();
-    int duration = video_status.duration.load();
+    video_status_record vs = video_record_copy().video_status;
+    int position = vs.position;
+    int duration = vs.duration;
     // The player's numbers are arbitrary ints: the arithmetic must not overflow.
     long long ahead = static_cast<long long>(position) + 5;
     int downloaded = ahead < duration ? static_cast<int>(ahead) : duration;

@@ -385,14 +385,14 @@ void* airplay_video_proxy_server(void*) {
         .serve = proxy_serve,
         .on_accept_fail =
             [](int listen, int result) {
-                LOG_ERROR_AT_FN("airplay_video_proxy_server", "accept fail(%d)=%i\n", listen,
+                LOG_ERROR_BLANK("airplay_video_proxy_server", "accept fail(%d)=%i\n", listen,
                                 result);
             },
         .on_accepted = nothing,
         .before_close = [](int sock) { log_plain("close socket: %d\n", sock); },
         .on_close_fail =
             [](int sock) {
-                LOG_ERROR_AT_FN("airplay_video_proxy_server", "close fail(%d)\n", sock);
+                LOG_ERROR_BLANK("airplay_video_proxy_server", "close fail(%d)\n", sock);
             },
         // A relay lasts as long as the media does; the player's other connections go on.
         .workers = kProxyWorkers,

@@ -83,7 +83,7 @@ void open_listening_sockets() {
 void create_airplay_pipe() {
     if (access(kAirplayPipe, F_OK) == 0) std::remove(kAirplayPipe);
     if (access(kKeyStopFile, F_OK) == 0) std::remove(kKeyStopFile);
-    if (mkfifo(kAirplayPipe, 0644) != 0) LOG_ERROR_AT("Failed to create pipe\n");
+    if (mkfifo(kAirplayPipe, 0644) != 0) LOG_ERROR_BLANK("main", "Failed to create pipe\n");
     // A non-blocking read end opens at once, whether or not a writer has the FIFO open.
     g_daemon.pipe_fd = open(kAirplayPipe, O_RDONLY | O_NONBLOCK);
 }
@@ -96,13 +96,13 @@ bool start_thread(pthread_t* handle, bool* started, void* (*entry)(void*)) {
 
 void start_threads() {
     if (!start_thread(&g_daemon.airplay_thread, &g_daemon.airplay_started, airplay_thread))
-        LOG_ERROR_AT("Failed to create key airplay thread\n");
+        LOG_ERROR_BLANK("main", "Failed to create key airplay thread\n");
     if (!start_thread(&g_daemon.airtunes_thread, &g_daemon.airtunes_started, airtunes_thread))
-        LOG_ERROR_AT("Failed to create key airtunes thread\n");
+        LOG_ERROR_BLANK("main", "Failed to create key airtunes thread\n");
     if (!start_thread(&g_daemon.audio_thread, &g_daemon.audio_started, audio_receiver_thread))
-        LOG_ERROR_AT("Failed to create key reader thread\n");
+        LOG_ERROR_BLANK("main", "Failed to create key reader thread\n");
     if (!start_thread(&g_daemon.proxy_thread, &g_daemon.proxy_started, airplay_video_proxy_server))
-        LOG_ERROR_AT("Failed to create key reader thread\n");
+        LOG_ERROR_BLANK("main", "Failed to create key reader thread\n");
 }
 
 void set_bit(uint32_t bit, bool on) {
@@ -206,8 +206,8 @@ int daemon_main() {
     create_airplay_pipe();
 
     if (g_daemon.airtunes_sock < 0 || g_daemon.airplay_sock < 0) {
-        LOG_ERROR_AT("Failed to create socket: %i | %i \n", g_daemon.airplay_sock,
-                     g_daemon.airtunes_sock);
+        LOG_ERROR_BLANK("main", "Failed to create socket: %i | %i \n", g_daemon.airplay_sock,
+                        g_daemon.airtunes_sock);
     } else {
         start_threads();
         airplay_video_init();

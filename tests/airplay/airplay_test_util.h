@@ -1,8 +1,10 @@
 // Helpers of the AirPlay tests: reading replies and property lists the way a sender does.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <time.h>
 
+#include <cstdio>
 #include <string>
 
 #include "support/support.h"
@@ -42,6 +44,28 @@ inline std::string plist_value(const std::string& body, const std::string& key) 
 inline std::string ask(Client& c, const std::string& request) {
     if (!c.send(request)) return {};
     return c.recv_message();
+}
+
+// The daemon's (and player_sim's) log holds no sanitizer report: the sanitizer builds write
+// theirs there, and the process goes on, so only this check makes the test fail.
+inline void expect_no_sanitizer_report(const std::string& daemon_log) {
+    for (const std::string& log : {daemon_log, read_file("/tmp/player_sim.log")}) {
+        for (const char* mark : {"runtime error", "AddressSanitizer", "WARNING: ThreadSanitizer"})
+            EXPECT_EQ(log.find(mark), std::string::npos) << log;
+    }
+}
+
+// Small socket buffers for the connections made from now on in this sandbox's network, as
+// a box on a slow network has: a peer that stops reading fills them within a few messages.
+inline bool use_small_socket_buffers() {
+    for (const char* name : {"/proc/sys/net/ipv4/tcp_wmem", "/proc/sys/net/ipv4/tcp_rmem"}) {
+        FILE* f = std::fopen(name, "w");
+        if (f == nullptr) return false;
+        bool ok = std::fputs("4096 4096 4096", f) >= 0;
+        ok = std::fclose(f) == 0 && ok;
+        if (!ok) return false;
+    }
+    return true;
 }
 
 inline const std::string kDoctype =

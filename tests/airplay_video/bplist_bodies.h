@@ -108,7 +108,6 @@ inline std::vector<BrokenBody> broken_bodies() {
     out.push_back({"reference beyond the objects",
                    build_bplist({{byte(0xd1), 1, 0x40}, bplist_ascii("Content-Location")}, 0),
                    "object outside the body"});
-    out.push_back({"false value", load_bplist("with_false"), "0"});
     out.push_back({"fill value",
                    build_bplist({{byte(0xd1), 1, 2}, bplist_ascii("Content-Location"), {0x0f}}, 0),
                    "0"});

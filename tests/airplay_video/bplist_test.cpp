@@ -72,70 +72,46 @@ TEST(BplistReader, FindsLocationAndPositionAtTheTopLevel) {
     EXPECT_EQ(copy, before);
 }
 
-TEST(BplistReader, StartPositionFromRealsAndIntegers) {
-    EXPECT_FLOAT_EQ(parse(load("real4")).position, 0.25f);
-    Found integer = parse(load("integer_position"));
-    EXPECT_TRUE(integer.found);
-    EXPECT_FLOAT_EQ(integer.position, 42.0f);
-    EXPECT_FLOAT_EQ(parse(load("negative_position")).position, -3.0f);
-    Found none = parse(load("dates"));
-    EXPECT_TRUE(none.found);
-    EXPECT_FLOAT_EQ(none.position, 0.0f);
-}
-
-TEST(BplistReader, WithoutLocationTheResultIsNullButThePositionCounts) {
-    Found f = parse(load("position_only"));
-    EXPECT_FALSE(f.found);
-    EXPECT_FLOAT_EQ(f.position, 0.3f);
-    EXPECT_NE(f.log.find("position : 0.300000"), std::string::npos);
-    EXPECT_FALSE(parse(load("no_location")).found);
-}
-
-TEST(BplistReader, NestedDictionariesAreSearchedArraysAreNot) {
-    Found nested = parse(load("nested"));
-    EXPECT_TRUE(nested.found);
-    EXPECT_EQ(nested.content, kUrl);
-    EXPECT_FLOAT_EQ(nested.position, 0.5f);
-
+// What plistlib's bodies yield: the location ("" when none is found) and the position.
+TEST(BplistReader, WrittenBodies) {
+    const std::string k = kUrl;
+    const struct {
+        const char* name;
+        std::string content;
+        float position;
+    } cases[] = {
+        {"real4", k, 0.25f},              // a 4-byte real
+        {"integer_position", k, 42.0f},   // an integer
+        {"negative_position", k, -3.0f},  // an 8-byte integer is signed
+        {"dates", k, 0.0f},               // dates are skipped
+        {"with_true", k, 0.0f},           // booleans and data are skipped
+        {"with_false", k, 0.0f},          // a false too, with its diagnostic
+        {"position_only", "", 0.3f},      // the position counts without a location
+        {"no_location", "", 0.0f},
+        {"nested", k, 0.5f},       // nested dictionaries are searched
+        {"in_array", "", 0.5f},    // arrays are not
+        {"deep_ok", k, 0.0f},      // 30 levels
+        {"many_pairs", k, 0.75f},  // 22 pairs: the count follows the marker
+        {"wide_refs", k, 0.0f},    // over 255 objects: two-byte references
+        {"long_key", k, 0.0f},
+        {"large", k, 0.5f},
+        {"two_locations", "http://192.0.2.20/second.mp4", 0.0f},  // by prefix; the last wins
+        {"nested_then_top", "http://192.0.2.20/outer.mp4", 0.0f},
+        {"short_key", "", 0.0f},                           // 15 characters: no match
+        {"utf16_ascii", "http://192.0.2.20/A.mp4", 0.0f},  // narrowed
+        {"utf16_other", "", 0.0f},                         // not usable
+    };
+    for (const auto& c : cases) {
+        Found f = parse(load(c.name));
+        EXPECT_EQ(f.found, !c.content.empty()) << c.name;
+        EXPECT_EQ(f.content, c.content) << c.name;
+        EXPECT_FLOAT_EQ(f.position, c.position) << c.name;
+    }
     Found array = parse(load("in_array"));
-    EXPECT_FALSE(array.found);
-    EXPECT_FLOAT_EQ(array.position, 0.5f);
     EXPECT_NE(array.log.find("[funct:readBTypeX]"), std::string::npos);
     EXPECT_NE(array.log.find("bplist unimplemented(1)"), std::string::npos);
-
-    Found deep = parse(load("deep_ok"));
-    EXPECT_TRUE(deep.found);
-    EXPECT_EQ(deep.content, kUrl);
-}
-
-TEST(BplistReader, CountsAndReferencesBeyondOneByte) {
-    Found many = parse(load("many_pairs"));  // 22 pairs: the count follows the marker
-    EXPECT_EQ(many.content, kUrl);
-    EXPECT_FLOAT_EQ(many.position, 0.75f);
-    Found wide = parse(load("wide_refs"));  // over 255 objects: two-byte references
-    EXPECT_EQ(wide.content, kUrl);
-    Found long_key = parse(load("long_key"));
-    EXPECT_EQ(long_key.content, kUrl);
-    Found large = parse(load("large"));
-    EXPECT_EQ(large.content, kUrl);
-}
-
-TEST(BplistReader, KeysMatchByPrefixAndTheLastMatchWins) {
-    EXPECT_EQ(parse(load("two_locations")).content, "http://192.0.2.20/second.mp4");
-    EXPECT_EQ(parse(load("nested_then_top")).content, "http://192.0.2.20/outer.mp4");
-    Found short_key = parse(load("short_key"));
-    EXPECT_FALSE(short_key.found);
-    EXPECT_FLOAT_EQ(short_key.position, 0.0f);
-}
-
-TEST(BplistReader, OtherObjectTypesAreSkipped) {
-    EXPECT_EQ(parse(load("dates")).content, kUrl);
-    EXPECT_EQ(parse(load("with_true")).content, kUrl);
-}
-
-TEST(BplistReader, Utf16LocationsAreNarrowedWhenAscii) {
-    EXPECT_EQ(parse(load("utf16_ascii")).content, "http://192.0.2.20/A.mp4");
-    EXPECT_FALSE(parse(load("utf16_other")).found);
+    EXPECT_NE(parse(load("with_false")).log.find("[funct:readBType0]"), std::string::npos);
+    EXPECT_NE(parse(load("position_only")).log.find("position : 0.300000"), std::string::npos);
 }
 
 // Each broken body gives null and 0.0, logs one diagnostic, and reads nothing outside.

@@ -68,7 +68,7 @@ def bodies():
     yield "utf16_ascii", patch(dump({"Content-Location": "http://192.0.2.20/\u00e9.mp4"}),
                                b"\x00\xe9", b"\x00A")
     yield "utf16_other", dump({"Content-Location": "http://192.0.2.20/\u00e9.mp4"})
-    # false is outside what the reader supports: the whole body counts as malformed.
+    # Senders send boolean options beside the location; false reads as 0.
     yield "with_false", dump({"Content-Location": URL, "flag": False})
     yield "with_true", dump({"flag": True, "Content-Location": URL, "none": b"data"})
     yield "deep_ok", dump(nested(30, {"Content-Location": URL}))

@@ -1,10 +1,8 @@
-// The URL encoding of the start command and the time text of the seek command.
+// The URL encoding of the start command.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <string>
 
-#include "airplay/video/airplay_video_seek.h"
 #include "airplay/video/airplay_video_url.h"
 
 namespace {
@@ -46,30 +44,6 @@ TEST(UrlEncode, ATooSmallDestinationIsNeverOverrun) {
     EXPECT_FALSE(complete);
     EXPECT_EQ(encode("", 1, &complete), "");
     EXPECT_TRUE(complete);
-}
-
-std::string time_text(int target) {
-    char out[64];
-    airplay_video_seek_time_text(target, out, sizeof(out));
-    return out;
-}
-
-TEST(SeekTime, HoursMinutesSeconds) {
-    EXPECT_EQ(time_text(3725), "01:02:05");
-    EXPECT_EQ(time_text(75), "00:01:15");
-    EXPECT_EQ(time_text(0), "00:00:00");
-    EXPECT_EQ(time_text(-5), "00:00:00");
-    EXPECT_EQ(time_text(360000 + 59), "100:00:59");
-    EXPECT_EQ(time_text(2147483647), "596523:14:07");
-}
-
-TEST(SeekTime, NumbersTruncateTowardZeroWithinRange) {
-    EXPECT_EQ(airplay_video_to_int(12.9), 12);
-    EXPECT_EQ(airplay_video_to_int(-12.9), -12);
-    EXPECT_EQ(airplay_video_to_int(0.5 + 0.5), 1);
-    EXPECT_EQ(airplay_video_to_int(1e300), 2147483647);
-    EXPECT_EQ(airplay_video_to_int(-1e300), -2147483647 - 1);
-    EXPECT_EQ(airplay_video_to_int(std::nan("")), 0);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -111,6 +112,13 @@ class VideoSender {
     std::string events_;
     int sessions_ = 0;
 };
+
+// The number of threads the process has now (0 when it is gone).
+inline size_t thread_count(pid_t pid) {
+    std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
+    size_t at = status.find("\nThreads:");
+    return at == std::string::npos ? 0 : std::strtoul(status.c_str() + at + 9, nullptr, 10);
+}
 
 // The sender's media server on 192.0.2.20:8080, with a short video-like body.
 struct MediaServer : MediaFileServer {

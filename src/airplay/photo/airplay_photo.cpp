@@ -36,10 +36,10 @@ bool read_photo_body(net_conn* conn, int read_count, const net_message& request,
             return true;
         case kBodyTooLarge:  // refused unread, as a failed allocation would be
         case kBodyNoMemory:
-            LOG_ERROR_AT_FN("photo_init", "Failed to malloc\n");
+            LOG_ERROR_NOBLANK("photo_init", "Failed to malloc\n");
             return false;
         default:
-            LOG_ERROR_AT_FN("photo_init", "Invalid socket read\n");
+            LOG_ERROR_NOBLANK("photo_init", "Invalid socket read\n");
             return false;
     }
 }
@@ -49,13 +49,13 @@ bool read_photo_body(net_conn* conn, int read_count, const net_message& request,
 int store_photo(body_buffer& body) {
     std::FILE* file = std::fopen(kPhotoTmp, "wb");
     if (file == nullptr) {
-        LOG_ERROR_AT_FN("photo_init", "Error in fopen\n");
+        LOG_ERROR_NOBLANK("photo_init", "Error in fopen\n");
         return -1;
     }
     int result = 0;
     size_t size = static_cast<size_t>(body.size());
     if (std::fwrite(body.data(), 1, size, file) != size) {
-        LOG_ERROR_AT_FN("photo_init", "error in fwrite\n");
+        LOG_ERROR_NOBLANK("photo_init", "error in fwrite\n");
         result = -1;
     }
     std::fclose(file);
@@ -119,6 +119,6 @@ int airplay_photo_stop(net_exchange* x) {
 int airplay_photo_monitor(media_session* session, int pipe_fd) {
     photo_shown = access(kPhotoFlag, F_OK) == 0 ? 1 : 0;
     if (pipe_says_stop(pipe_fd) && session->event_socket.load() != 0)
-        send_event_to_sender(session, "stopped");
+        send_playback_event_xml(session, "stopped");
     return photo_shown;
 }

@@ -19,9 +19,6 @@ constexpr unsigned kStartSeekDelaySeconds = 3;
 
 // The monitor's own exchange, used on the main thread only.
 net_exchange monitor_exchange;
-// The deferred start seek's records: the seek thread uses them after the monitor has
-// returned and while its next poll already fills monitor_exchange, so they live apart.
-net_exchange start_seek_exchange;
 
 const char* state_text(int status) {
     switch (status) {
@@ -50,10 +47,10 @@ int leading_int(const char* s) {
 }
 
 // The number after tag up to the next "<": 0 without the tag, unchanged without a "<".
-void parse_number(std::string_view text, std::string_view tag, std::atomic<int>* out) {
+void parse_number(std::string_view text, std::string_view tag, int* out) {
     size_t at = text.find(tag);
     if (at == std::string_view::npos) {
-        out->store(0);
+        *out = 0;
         return;
     }
     std::string_view rest = text.substr(at + tag.size());
@@ -62,7 +59,7 @@ void parse_number(std::string_view text, std::string_view tag, std::atomic<int>*
     char digits[kMaxDigits + 1] = {};
     std::string_view number = rest.substr(0, end < kMaxDigits ? end : kMaxDigits);
     std::memcpy(digits, number.data(), number.size());
-    out->store(leading_int(digits));
+    *out = leading_int(digits);
 }
 
 int parsed_status(std::string_view text) {
@@ -73,83 +70,97 @@ int parsed_status(std::string_view text) {
     return kStopped;
 }
 
-bool has_event_socket(const media_session* session) {
-    return session->event_socket.load() != 0;
-}
+// What one poll decided; carried out once the record's lock is released.
+struct poll_outcome {
+    int status = kStopped;
+    bool special = false;         // the player still shows the stop from before the start
+    const char* event = nullptr;  // the state to tell the sender
+    int seek_target = -1;         // the deferred start seek, in seconds
+};
 
 // A successful query: report a change of state, unless the player still shows the stop
-// from before the start.
-void report_change(media_session* session) {
-    int status = video_status.status.load();
-    int last = video_status.last_status.load();
-    if (last == kStarted && status == kStopped) {
-        log_plain("special handling case....");
-        return;
+// from before the start. Then the deferred start seek: a POST /play that carried a start
+// position the player could not take with its start command is sought there once the
+// player says the media is seekable.
+void take_reply(video_record& r, const char* reply, bool reverse, poll_outcome* out) {
+    video_status_record& vs = r.video_status;
+    airplay_video_parse_info(reply, &vs);
+    if (vs.last_status == kStarted && vs.status == kStopped) {
+        out->special = true;
+    } else if (vs.status != kStarted && vs.status != vs.last_status && reverse) {
+        out->event = state_text(vs.status);
+        vs.last_status = vs.status;
     }
-    if (status == kStarted || status == last || !has_event_socket(session)) return;
-    send_event_to_sender(session, state_text(status));
-    video_status.last_status.store(status);
-}
-
-// A POST /play that carried a start position the player could not take with its start
-// command: seek there once the player says the media is seekable.
-void deferred_start_seek() {
-    float target = start_position.load() * 100.0f;
-    if (video_status.seek_enabled.load() == 0 || !(target > 5.0f)) return;
-    sleep(kStartSeekDelaySeconds);
-    net_message_clear(&start_seek_exchange.player_request);
-    net_message_clear(&start_seek_exchange.player_reply);
-    // Truncation toward zero; a target beyond the int range is clamped, never undefined.
-    int seconds = target < 2147483520.0f ? static_cast<int>(target) : 0x7fffffff;
-    airplay_video_seek(&start_seek_exchange.player_request, &start_seek_exchange, seconds);
-    start_position.store(0.0f);
+    float target = r.start_position * 100.0f;
+    if (vs.seek_enabled != 0 && target > 5.0f) {
+        // Truncation toward zero; a target beyond the int range is clamped, never undefined.
+        out->seek_target = target < 2147483520.0f ? static_cast<int>(target) : 0x7fffffff;
+        r.start_position = 0.0f;
+    }
 }
 
 // The player refused the query: the video has gone, unless it never got going.
-void handle_refusal(media_session* session) {
-    int last = video_status.last_status.load();
-    if (last == kPlaying || last == kPaused) {
-        if (!has_event_socket(session)) return;
-        video_started.store(0);
-        video_status.status.store(kStopped);
-        send_event_to_sender(session, "stopped");
-        video_status.last_status.store(kStopped);
-    } else if (video_status.status.load() != kStarted) {
-        video_status.status.store(kStopped);
-        video_status.last_status.store(kStopped);
+void take_refusal(video_record& r, bool reverse, poll_outcome* out) {
+    video_status_record& vs = r.video_status;
+    if (vs.last_status == kPlaying || vs.last_status == kPaused) {
+        if (!reverse) return;
+        r.video_started = 0;
+        vs.status = kStopped;
+        vs.last_status = kStopped;
+        out->event = "stopped";
+    } else if (vs.status != kStarted) {
+        vs.status = kStopped;
+        vs.last_status = kStopped;
     }
 }
 
 }  // namespace
 
 void airplay_video_init() {
-    video_status.status.store(kStopped);
-    video_status.last_status.store(kStopped);
+    video_record_change([](video_record& r) {
+        r.video_status.status = kStopped;
+        r.video_status.last_status = kStopped;
+    });
 }
 
 void airplay_video_parse_info(const char* text, video_status_record* vs) {
     if (text == nullptr) return;
     std::string_view t(text);
-    vs->status.store(parsed_status(t));
-    vs->seek_enabled.store(contains(t, "<seekEnable>true<") ? 1 : 0);
+    vs->status = parsed_status(t);
+    vs->seek_enabled = contains(t, "<seekEnable>true<") ? 1 : 0;
     parse_number(t, "<totalTime>", &vs->duration);
     parse_number(t, "<currentTime>", &vs->position);
 }
 
 int airplay_video_monitor(media_session* session) {
+    airplay_events_flush(session);
     net_exchange* x = &monitor_exchange;
     x->player_request.body[0] = '\0';
     x->player_reply.body[0] = '\0';
-    if (video_started.load() == 0) return kStopped;
+    video_record before = video_record_copy();
+    if (before.video_started == 0) return kStopped;
 
     bool accepted = player_command(x, kVodInfo);
-    if (x->player_reply.body[0] == '\0') return video_status.status.load();
-    if (accepted) {
-        airplay_video_parse_info(x->player_reply.body, &video_status);
-        report_change(session);
-        deferred_start_seek();
-    } else {
-        handle_refusal(session);
+    bool reverse = airplay_events_connected(session);
+    poll_outcome out = video_record_change([&](video_record& r) {
+        poll_outcome o;
+        // An empty reply changes nothing; a reply to a query sent before the latest start
+        // speaks of the video before it.
+        if (x->player_reply.body[0] != '\0' && r.starts == before.starts && r.video_started) {
+            if (accepted)
+                take_reply(r, x->player_reply.body, reverse, &o);
+            else
+                take_refusal(r, reverse, &o);
+        }
+        o.status = r.video_status.status;
+        return o;
+    });
+    if (out.special) log_plain("special handling case....");
+    if (out.event != nullptr) send_playback_event_xml(session, out.event);
+    if (out.seek_target >= 0) {
+        // The player settles after it first reports the media seekable.
+        sleep(kStartSeekDelaySeconds);
+        airplay_video_seek(out.seek_target);
     }
-    return video_status.status.load();
+    return out.status;
 }

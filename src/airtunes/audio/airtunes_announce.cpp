@@ -75,10 +75,10 @@ int read_announce_body(net_conn* conn, int read_count, net_exchange* x, body_buf
         case kBodyOk:
             return 0;
         case kBodyShortRead:
-            LOG_ERROR_HERE("Invalid socket read\n");
+            LOG_ERROR_NOBLANK("airtunes_reply_announce", "Invalid socket read\n");
             return -2;
         default:
-            LOG_ERROR_HERE("Failed to malloc\n");
+            LOG_ERROR_NOBLANK("airtunes_reply_announce", "Failed to malloc\n");
             return -1;
     }
 }

@@ -25,7 +25,8 @@ bool contains(std::string_view text, std::string_view needle) {
 void write_file(const char* path, const char* mode, const void* data, size_t size, bool log_short) {
     FILE* f = std::fopen(path, mode);
     if (f == nullptr) return;
-    if (std::fwrite(data, 1, size, f) != size && log_short) LOG_ERROR_HERE("error in fwrite\n");
+    if (std::fwrite(data, 1, size, f) != size && log_short)
+        LOG_ERROR_NOBLANK("airtunes_set_parameter", "error in fwrite\n");
     std::fclose(f);
 }
 
@@ -115,7 +116,7 @@ void airtunes_set_parameter(net_conn* conn, int read_count, net_exchange* x) {
             break;
         }
         case kBodyShortRead:
-            LOG_ERROR_HERE("Invalid socket read\n");
+            LOG_ERROR_NOBLANK("airtunes_set_parameter", "Invalid socket read\n");
             break;
         default:
             log_tagged(zor_log::kRed, "Unable to malloc size(%d)\n", x->request.content_length);
@@ -134,10 +135,10 @@ void airtunes_get_parameter(net_conn* conn, int read_count, net_exchange* x) {
         case kBodyOk:
             break;
         case kBodyShortRead:
-            LOG_ERROR_HERE("Invalid socket read\n");
+            LOG_ERROR_NOBLANK("airtunes_get_parameter", "Invalid socket read\n");
             return;
         default:
-            LOG_ERROR_HERE("Failed to malloc\n");
+            LOG_ERROR_NOBLANK("airtunes_get_parameter", "Failed to malloc\n");
             return;
     }
     log_plain("content:\n%s\n", body.data());

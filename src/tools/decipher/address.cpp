@@ -27,8 +27,9 @@ const char* read_mac_address() {
     std::lock_guard<std::mutex> guard(mac_lock);
     if (have_line) {
         // The first 17 characters of the line; a shorter line leaves a shorter text.
-        std::strncpy(mac_address_text, line, kMacTextLength);
-        mac_address_text[kMacTextLength] = '\0';
+        size_t n = strnlen(line, kMacTextLength);
+        std::memcpy(mac_address_text, line, n);
+        mac_address_text[n] = '\0';
     }
     std::memcpy(copy, mac_address_text, sizeof(copy));
     return copy;

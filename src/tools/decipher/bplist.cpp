@@ -3,7 +3,6 @@
 #include "tools/decipher/bplist.h"
 
 #include <cstring>
-#include <string>
 
 #include "tools/utils/log.h"
 

@@ -14,8 +14,9 @@ inline constexpr int kBplistMaxDepth = 32;
 // *content_end; both null when there is none. *start_position receives the position (0.0
 // when absent). Keys match by prefix ("Content-Location" over 16 bytes, "Start-Position"
 // over 14); a later match wins; nested dictionaries are searched, arrays are not.
-// A malformed body (bad magic, short, sizes or references out of range, false or fill
-// objects, loops, nesting beyond kBplistMaxDepth) gives null and 0.0 with one log line;
+// A false value reads as 0 with one log line, and the walk goes on.
+// A malformed body (bad magic, short, sizes or references out of range, fill or undefined
+// type-0 objects, loops, nesting beyond kBplistMaxDepth) gives null and 0.0 with one log line;
 // nothing outside [body, body + length) is ever read. The body is not changed, except that
 // a UTF-16 location whose code units are all below 128 is narrowed in place to those bytes
 // (a UTF-16 location with any other unit counts as absent).
@@ -60,7 +61,7 @@ bplist_value bplist_readObjectRef(bplist_ctx* ctx, uint32_t ref);
 // One reader per type nibble, reached through bplist_type_readers; info is the marker's
 // low nibble (or the count that followed it). Types without a reader of their own
 // (arrays, sets, UIDs, unknown) go to readBTypeX, which logs and yields 0.
-bplist_value readBType0(bplist_ctx* ctx, uint32_t info);  // null, true (false, fill: fault)
+bplist_value readBType0(bplist_ctx* ctx, uint32_t info);  // null, true, false (fill: fault)
 bplist_value readBType1(bplist_ctx* ctx, uint32_t info);  // integer of 2^info bytes
 bplist_value readBType2(bplist_ctx* ctx, uint32_t info);  // real of 4 or 8 bytes
 bplist_value readBType3(bplist_ctx* ctx, uint32_t info);  // date, skipped

@@ -1,7 +1,7 @@
 // One reader per object type of a binary property list, and the key match that the
 // dictionary reader applies to each of its pairs.
+#include <array>
 #include <cstring>
-#include <string>
 
 #include "tools/decipher/bplist.h"
 #include "tools/utils/log.h"
@@ -13,6 +13,7 @@ constexpr char kStartPosition[] = "Start-Position";      // matched over 14 byte
 constexpr uint32_t kContentLocationSize = 16;
 constexpr uint32_t kStartPositionSize = 14;
 constexpr uint32_t kDateSize = 8;
+constexpr uint32_t kShownLimit = 4096;  // characters of a UTF-16 location shown in the log
 
 // A reader of data or a string: the value is where its bytes lie.
 bplist_value take_bytes(bplist_ctx* ctx, uint8_t type, uint32_t units, uint64_t bytes) {
@@ -49,10 +50,16 @@ void note_content(bplist_ctx* ctx, const bplist_value& value) {
     ctx->content = ctx->body + value.position;
     ctx->content_length = value.length;
     ctx->content_utf16 = value.type == 6;
-    std::string shown;
-    for (uint32_t i = 0; i < value.length; ++i)
-        shown.push_back(static_cast<char>(ctx->content[ctx->content_utf16 ? 2 * i + 1 : i]));
-    log_tagged(zor_log::kGreen, "s->content : %s\n", shown.c_str());
+    if (!ctx->content_utf16) {
+        log_tagged(zor_log::kGreen, "s->content : %.*s\n", static_cast<int>(value.length),
+                   reinterpret_cast<const char*>(ctx->content));
+        return;
+    }
+    // Shown narrowed, as it will be used; a location longer than a log line is cut there.
+    std::array<char, kShownLimit + 1> shown{};
+    uint32_t units = value.length < kShownLimit ? value.length : kShownLimit;
+    for (uint32_t i = 0; i < units; ++i) shown[i] = static_cast<char>(ctx->content[2 * i + 1]);
+    log_tagged(zor_log::kGreen, "s->content : %s\n", shown.data());
 }
 
 void match_pair(bplist_ctx* ctx, const bplist_value& key, const bplist_value& value) {
@@ -70,8 +77,12 @@ bplist_value readBType0(bplist_ctx* ctx, uint32_t info) {
     bplist_value value{};
     if (info == 9) {
         value.number = 1;
+    } else if (info == 8) {
+        // Senders put boolean options beside the location: a false is no fault of the body.
+        log_plain("[File:%s][funct:%s][line:%d] bplist unsupported false read as 0 (%s)\n",
+                  __FILE__, "readBType0", __LINE__, "0");
     } else if (info != 0) {
-        bplist_fail(ctx, "0");  // false and fill objects are not read
+        bplist_fail(ctx, "0");  // fill and undefined objects are not read
     }
     return value;
 }

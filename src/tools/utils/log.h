@@ -23,13 +23,12 @@ void log_text(const char* text);
 // Makes standard output line-buffered; called once at start.
 void log_init();
 
-// Error lines that carry their source location. The entry and socket code write
-// "Error [File:..." (with a blank); the player client and the media handlers "Error[File:...".
-#define LOG_ERROR_AT(fmt, ...)                                                         \
-    log_plain("Error [File:%s][funct:%s][line:%d] " fmt, __FILE__, __func__, __LINE__, \
-              ##__VA_ARGS__)
-#define LOG_ERROR_HERE(fmt, ...) \
-    log_plain("Error[File:%s][funct:%s][line:%d] " fmt, __FILE__, __func__, __LINE__, ##__VA_ARGS__)
-// The same with the function name given, for code inside lambdas and shared helpers.
-#define LOG_ERROR_AT_FN(func, fmt, ...) \
+// Error lines that carry their source location, with the function named as the design
+// names it (func), never an internal helper's name. Two forms exist, and each macro's name
+// says which one it prints:
+//   LOG_ERROR_BLANK:   "Error [File:..." (with a blank), the entry and socket code;
+//   LOG_ERROR_NOBLANK: "Error[File:..." (no blank), the player client and the media handlers.
+#define LOG_ERROR_BLANK(func, fmt, ...) \
     log_plain("Error [File:%s][funct:%s][line:%d] " fmt, __FILE__, func, __LINE__, ##__VA_ARGS__)
+#define LOG_ERROR_NOBLANK(func, fmt, ...) \
+    log_plain("Error[File:%s][funct:%s][line:%d] " fmt, __FILE__, func, __LINE__, ##__VA_ARGS__)

@@ -40,7 +40,7 @@ int wait_for(int sock, short events, net_deadline deadline) {
 int make_socket_in(uint16_t port) {
     int sock = socket(AF_INET, SOCK_STREAM, 0);
     if (sock < 0) {
-        LOG_ERROR_AT("make_socket_in: socket(%d)=%d\n", port, sock);
+        LOG_ERROR_BLANK("make_socket_in", "make_socket_in: socket(%d)=%d\n", port, sock);
         return sock;
     }
     int one = 1;
@@ -52,13 +52,13 @@ int make_socket_in(uint16_t port) {
     addr.sin_port = htons(port);
     int rc = bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
     if (rc < 0) {
-        LOG_ERROR_AT("bind fail(%d)=%d\n", sock, rc);
+        LOG_ERROR_BLANK("make_socket_in", "bind fail(%d)=%d\n", sock, rc);
         close(sock);  // nobody else would ever close it
         return rc;
     }
     rc = listen(sock, kListenBacklog);
     if (rc < 0) {
-        LOG_ERROR_AT("listen fail(%d)=%d\n", sock, rc);
+        LOG_ERROR_BLANK("make_socket_in", "listen fail(%d)=%d\n", sock, rc);
         close(sock);
         return rc;
     }

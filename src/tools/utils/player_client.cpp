@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -69,7 +68,7 @@ int cs_request_with_response(net_message* request, net_exchange* x) {
 
     uint32_t addr = 0;
     if (!resolve_localhost(host.data(), &addr)) {
-        LOG_ERROR_HERE("Failed gethostbyname %s\n", host.data());
+        LOG_ERROR_NOBLANK("cs_request_with_response", "Failed gethostbyname %s\n", host.data());
         return -1;
     }
 
@@ -92,16 +91,18 @@ int cs_request_with_response(net_message* request, net_exchange* x) {
     reply->content_length = 0;
     net_deadline deadline = net_clock::now() + std::chrono::seconds(kPlayerTimeoutSeconds);
     int got = socket_read(sock, reply->body, kReplyLimit, deadline);
-    // The service closes the connection after its reply: one that is still talking at the
-    // deadline never finished answering.
-    bool timed_out = got < kReplyLimit && net_clock::now() >= deadline;
-    if (timed_out || got <= 0) {
-        // A service that never finished answering counts as one that closed without a word.
-        got = timed_out ? 0 : got;
-        reply->body[0] = '\0';
-    } else {
-        reply->body[got] = '\0';
+    // The service closes the connection after its reply, so a short reply is whole only if
+    // the stream has ended. socket_read gives up on its deadline alone, so past it a second,
+    // immediate read says which: 0 is the end of the stream, a failure a service still
+    // talking, which never finished answering and counts as one that said nothing.
+    if (got > 0 && got < kReplyLimit && net_clock::now() >= deadline) {
+        char more = 0;
+        if (socket_read(sock, &more, 1, net_clock::now()) < 0) got = 0;
     }
+    if (got <= 0)
+        reply->body[0] = '\0';
+    else
+        reply->body[got] = '\0';
     reply->content_length = got;
     close(sock);
     return 0;
