@@ -50,13 +50,6 @@ std::vector<uint8_t> rsa_public(const uint8_t* in, size_t n, bool encrypt) {
     return out;
 }
 
-bool complete(const std::string& data) {
-    size_t end = data.find("\r\n\r\n");
-    if (end == std::string::npos) return false;
-    std::string cl = header_value(data.substr(0, end + 4), "Content-Length");
-    return data.size() >= end + 4 + std::strtoul(cl.c_str(), nullptr, 10);
-}
-
 }  // namespace
 
 std::string sender_ip() {
@@ -64,19 +57,12 @@ std::string sender_ip() {
 }
 
 Client connect_rtsp() {
-    Client c(::socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in local{AF_INET, 0, {}, {}}, daemon{AF_INET, htons(5000), {}, {}};
-    ::inet_pton(AF_INET, sender_ip().c_str(), &local.sin_addr);
-    ::inet_pton(AF_INET, env_or("ZOR_ETH0_IP", "192.0.2.10").c_str(), &daemon.sin_addr);
-    if (::bind(c.fd(), reinterpret_cast<sockaddr*>(&local), sizeof(local)) != 0 ||
-        ::connect(c.fd(), reinterpret_cast<sockaddr*>(&daemon), sizeof(daemon)) != 0)
-        return Client();
-    return c;
+    return connect_from(sender_ip(), env_or("ZOR_ETH0_IP", "192.0.2.10"), 5000);
 }
 
 std::string recv_rtsp_reply(Client& c) {
     std::string data = c.recv_some(std::chrono::seconds(8));
-    for (std::string more = "x"; !data.empty() && !complete(data) && !more.empty(); data += more)
+    for (std::string more = "x"; !data.empty() && message_length(data) == 0 && !more.empty(); data += more)
         more = c.recv_some(std::chrono::milliseconds(300));
     return data;
 }
@@ -131,6 +117,11 @@ std::string AirtunesSender::setup() {
     return request("SETUP", "Transport: RTP/AVP/UDP;unicast;mode=record;control_port=" +
                                 std::to_string(control_port) +
                                 ";timing_port=" + std::to_string(timing_port) + "\r\n");
+}
+
+bool AirtunesSender::start_stream() {
+    return status_code(announce()) == 200 && status_code(setup()) == 200 &&
+           status_code(request("RECORD", "RTP-Info: seq=1000;rtptime=0\r\n")) == 200;
 }
 
 bool AirtunesSender::verify_apple_response(const std::string& reply) const {

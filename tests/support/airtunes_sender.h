@@ -31,6 +31,8 @@ class AirtunesSender {
     // ANNOUNCE of the ALAC stream: the key under the box's public key, the IV, a challenge.
     std::string announce();
     std::string setup();  // control and timing ports
+    // ANNOUNCE, SETUP and RECORD; false unless each is answered 200.
+    bool start_stream();
     // The Apple-Response is the box key's signature over the last challenge, eth0's IPv4 and MAC.
     bool verify_apple_response(const std::string& reply) const;
 

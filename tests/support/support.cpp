@@ -176,55 +176,59 @@ std::string Client::recv_some(std::chrono::milliseconds timeout, size_t max) {
     return out;
 }
 
+namespace {
+
+// Appends what arrives before the deadline; the read's result (0: closed, < 0: failed or
+// time-out, then errno is ETIMEDOUT).
+ssize_t read_more(int fd, std::string& data, std::chrono::steady_clock::time_point deadline) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0 || !wait_readable(fd, left)) return errno = ETIMEDOUT, -1;
+    char buf[8192];
+    ssize_t n = ::recv(fd, buf, sizeof(buf), 0);
+    if (n > 0) data.append(buf, static_cast<size_t>(n));
+    return n;
+}
+
+}  // namespace
+
 std::string Client::recv_message(std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     std::string data = std::exchange(pending_, {});
-    for (;;) {
-        size_t end = data.find("\r\n\r\n");
-        if (end != std::string::npos) {
-            std::string cl = header_value(data.substr(0, end + 4), "Content-Length");
-            size_t total = end + 4 + (cl.empty() ? 0 : std::strtoul(cl.c_str(), nullptr, 10));
-            if (data.size() >= total) {
-                pending_ = data.substr(total);
-                return data.substr(0, total);
-            }
-        }
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0 || !wait_readable(fd_, left)) return data;
-        char buf[8192];
-        ssize_t n = ::recv(fd_, buf, sizeof(buf), 0);
-        if (n <= 0) return data;
-        data.append(buf, static_cast<size_t>(n));
-    }
+    size_t total;
+    while ((total = message_length(data)) == 0)
+        if (read_more(fd_, data, deadline) <= 0) return data;
+    pending_ = data.substr(total);
+    return data.substr(0, total);
 }
 
 std::string Client::recv_all(std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     std::string data = std::exchange(pending_, {});
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0 || !wait_readable(fd_, left)) return data;
-        char buf[8192];
-        ssize_t n = ::recv(fd_, buf, sizeof(buf), 0);
-        if (n <= 0) return data;
-        data.append(buf, static_cast<size_t>(n));
+    while (read_more(fd_, data, deadline) > 0) {
     }
+    return data;
 }
 
 bool Client::closed_by_peer(std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0 || !wait_readable(fd_, left)) return false;
-        char buf[4096];
-        ssize_t n = ::recv(fd_, buf, sizeof(buf), 0);
+        ssize_t n = read_more(fd_, pending_, deadline);
         if (n == 0) return true;
         if (n < 0) return errno == ECONNRESET;
-        pending_.append(buf, static_cast<size_t>(n));
     }
+}
+
+Client connect_from(const std::string& source, const std::string& host, int port, int rcvbuf) {
+    Client c(::socket(AF_INET, SOCK_STREAM, 0));
+    if (rcvbuf > 0) ::setsockopt(c.fd(), SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf));
+    sockaddr_in from{AF_INET, 0, {}, {}}, to{AF_INET, htons(static_cast<uint16_t>(port)), {}, {}};
+    ::inet_pton(AF_INET, source.c_str(), &from.sin_addr);
+    ::inet_pton(AF_INET, host.c_str(), &to.sin_addr);
+    if (::bind(c.fd(), reinterpret_cast<sockaddr*>(&from), sizeof(from)) != 0 ||
+        ::connect(c.fd(), reinterpret_cast<sockaddr*>(&to), sizeof(to)) != 0)
+        return Client();
+    return c;
 }
 
 SocketPair::SocketPair() {
@@ -289,6 +293,14 @@ int status_code(const std::string& message) {
     size_t sp = message.find(' ');
     if (sp == std::string::npos) return -1;
     return std::atoi(message.c_str() + sp + 1);
+}
+
+size_t message_length(const std::string& data) {
+    size_t end = data.find("\r\n\r\n");
+    if (end == std::string::npos) return 0;
+    std::string cl = header_value(data.substr(0, end + 4), "Content-Length");
+    size_t total = end + 4 + (cl.empty() ? 0 : std::strtoul(cl.c_str(), nullptr, 10));
+    return data.size() >= total ? total : 0;
 }
 
 std::string body_of(const std::string& message) {
