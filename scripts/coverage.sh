@@ -1,17 +1,21 @@
 #!/usr/bin/env bash
 # Builds with gcc's --coverage into build-cov/, runs the whole suite there, and prints the
-# line and branch coverage of src/ per folder (gcovr). Extra arguments go to ctest (-R ...).
-# The sandbox keeps the checkout visible, so the daemon's .gcda files land in build-cov/.
+# line and branch coverage of src/ per folder (gcovr). Extra arguments go to ctest (-R ...);
+# --report alone reports the last run again. The sandbox keeps the checkout visible, so the
+# daemon's .gcda files land in build-cov/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 command -v gcovr >/dev/null || { echo "coverage.sh: gcovr is missing (apt-get install gcovr)" >&2; exit 1; }
 jobs=$(nproc)
-cmake -S . -B build-cov -DZOR_COVERAGE=ON -DZOR_BENCHMARKS=OFF -DCMAKE_BUILD_TYPE=Debug >/dev/null
-cmake --build build-cov -j"$jobs" >/dev/null
-find build-cov -name '*.gcda' -delete
-ctest --test-dir build-cov -j"$jobs" --output-on-failure --timeout 300 "$@" || status=$?
+if [ "${1:-}" != --report ]; then
+    cmake -S . -B build-cov -DZOR_COVERAGE=ON -DZOR_BENCHMARKS=OFF -DCMAKE_BUILD_TYPE=Debug >/dev/null
+    cmake --build build-cov -j"$jobs" >/dev/null
+    find build-cov -name '*.gcda' -delete
+    ctest --test-dir build-cov -j"$jobs" --output-on-failure --timeout 300 "$@" || status=$?
+fi
 gcovr -r . --filter 'src/' --object-directory build-cov --exclude-throw-branches \
-    --exclude-unreachable-branches --json-summary build-cov/coverage.json build-cov >/dev/null
+    --exclude-unreachable-branches --gcov-ignore-parse-errors \
+    --json-summary build-cov/coverage.json build-cov >build-cov/gcovr.log 2>&1
 python3 - build-cov/coverage.json <<'EOF'
 import collections, json, os, sys
 totals = collections.defaultdict(lambda: [0, 0, 0, 0])
