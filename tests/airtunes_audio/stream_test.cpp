@@ -7,7 +7,6 @@
 
 #include "support/airtunes_sender.h"
 #include "support/box.h"
-#include "support/rtp_sender.h"
 
 namespace {
 
