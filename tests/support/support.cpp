@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <thread>
 #include <utility>
 
@@ -29,12 +29,6 @@ std::string env_or(const char* name, const char* fallback) {
 bool wait_readable(int fd, std::chrono::milliseconds timeout) {
     pollfd p{fd, POLLIN, 0};
     return ::poll(&p, 1, static_cast<int>(timeout.count())) > 0;
-}
-
-int exit_status(int status) {
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return -1;
 }
 
 }  // namespace
@@ -57,9 +51,7 @@ bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds tim
 
 std::string read_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 bool file_exists(const std::string& path) {
@@ -77,11 +69,7 @@ bool Process::start(const std::vector<std::string>& argv, const std::string& log
     if (pid_ < 0) return false;
     if (pid_ == 0) {
         int fd = ::open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (fd >= 0) {
-            ::dup2(fd, 1);
-            ::dup2(fd, 2);
-            ::close(fd);
-        }
+        ::dup2(fd, 1), ::dup2(fd, 2), ::close(fd);
         std::vector<char*> args;
         for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
         args.push_back(nullptr);
@@ -92,29 +80,20 @@ bool Process::start(const std::vector<std::string>& argv, const std::string& log
 }
 
 int Process::wait_exit(std::chrono::milliseconds timeout) {
-    if (pid_ <= 0) return -1;
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        int status = 0;
-        pid_t r = ::waitpid(pid_, &status, WNOHANG);
-        if (r == pid_) {
-            pid_ = -1;
-            return exit_status(status);
-        }
-        if (std::chrono::steady_clock::now() >= deadline) return -1;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    int status = 0;
+    if (pid_ <= 0 || !wait_until([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout))
+        return -1;
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
 int Process::stop(int sig, std::chrono::milliseconds timeout) {
     if (pid_ <= 0) return -1;
     ::kill(pid_, sig);
     int rc = wait_exit(timeout);
-    if (rc == -1 && pid_ > 0) {
+    if (rc == -1 && pid_ > 0) {  // it hung: kill and reap it
         ::kill(pid_, SIGKILL);
-        int status = 0;
-        ::waitpid(pid_, &status, 0);
-        pid_ = -1;
+        ::waitpid(std::exchange(pid_, -1), nullptr, 0);
     }
     return rc;
 }
