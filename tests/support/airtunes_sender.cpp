@@ -56,6 +56,12 @@ std::vector<uint8_t> rsa_public(const uint8_t* in, size_t n, bool encrypt) {
 
 }  // namespace
 
+std::string dmap_item(const std::string& tag, const std::string& value) {
+    std::string s = tag;
+    for (int shift = 24; shift >= 0; shift -= 8) s += static_cast<char>((value.size() >> shift) & 255);
+    return s + value;
+}
+
 std::string sender_ip() {
     return env_or("ZOR_SENDER_IP", "192.0.2.20");
 }

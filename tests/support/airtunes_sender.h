@@ -19,6 +19,9 @@ Client connect_rtsp();
 // more arrives for 300 ms. "" when nothing came within 8 s.
 std::string recv_rtsp_reply(Client& c);
 
+// A DMAP item as senders write metadata: 4-character tag, 32-bit big-endian length, value.
+std::string dmap_item(const std::string& tag, const std::string& value);
+
 class AirtunesSender {
    public:
     explicit AirtunesSender(std::string device_id = "0A1B2C3D4E5F60");  // random key and IV
