@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -111,6 +112,14 @@ TEST(Daemon, OneStartServesEveryPortThroughStalledGarbledAndPipelinedPeers) {
     for (int i = 0; i < 50; ++i) fifty += "GET /nothing-" + std::to_string(i) + " HTTP/1.1\r\n\r\n";
     second.send(fifty);
     for (int i = 0; i < 50; ++i) ASSERT_EQ(zt::status_code(second.recv_message()), 501) << i;
+
+    // A peer that ends its side after pipelined requests still gets every reply.
+    zt::Client half = zt::Client::connect("127.0.0.1", 7000);
+    half.send(kNothing + kNothing);
+    ::shutdown(half.fd(), SHUT_WR);
+    EXPECT_EQ(zt::status_code(half.recv_message()), 501);
+    EXPECT_EQ(zt::status_code(half.recv_message()), 501);
+    EXPECT_TRUE(half.closed_by_peer());
 
     // A repeated play is answered before its body comes; that body is never a request.
     std::string body = "Content-Location: http://192.0.2.20:8080/v.mp4\nStart-Position: 0\n";
