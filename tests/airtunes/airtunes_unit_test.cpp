@@ -5,6 +5,7 @@
 #include <string>
 
 #include "airtunes/audio/airtunes_rtsp.h"
+#include "support/airtunes_sender.h"
 #include "tools/decipher/base64.h"
 #include "tools/decipher/challenge.h"
 
@@ -42,12 +43,7 @@ TEST(AirtunesUnit, VolumeMapping) {
     for (auto [db, box] : table) EXPECT_EQ(airtunes_volume_to_box(db), box) << db;
 }
 
-std::string item(const std::string& tag, const std::string& value) {
-    std::string s = tag;
-    for (int shift = 24; shift >= 0; shift -= 8)
-        s += static_cast<char>((value.size() >> shift) & 255);
-    return s + value;
-}
+constexpr auto item = zt::dmap_item;
 
 std::string dmap_line(const std::string& items) {
     std::string body = item("mlit", items);

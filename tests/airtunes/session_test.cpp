@@ -16,13 +16,6 @@ std::string ok_lines(const AirtunesSender& s) {
     return kOk + kJack + "CSeq: " + std::to_string(s.cseq) + "\r\n\r\n";
 }
 
-std::string dmap(const std::string& tag, const std::string& value) {
-    std::string s = tag;
-    for (int shift = 24; shift >= 0; shift -= 8)
-        s += static_cast<char>((value.size() >> shift) & 255);
-    return s + value;
-}
-
 size_t count(const Box& box, const std::string& name) {
     size_t n = 0;
     for (const auto& c : box.commands()) n += c.target.find(name) != std::string::npos;
@@ -62,7 +55,7 @@ TEST(AirtunesSession, WholeSessionAndOwnership) {
         "wget -q -O /dev/null 'http://127.0.0.1:8008/system?arg0=set_system_volume&arg1=-10'");
     EXPECT_EQ(read_file("/tmp/airplay_update"), "vol\n");
     a.request("SET_PARAMETER", "Content-Type: application/x-dmap-tagged\r\n",
-              dmap("mlit", dmap("minm", "Song") + dmap("asar", "Band") + dmap("asal", "Record")));
+              dmap_item("mlit", dmap_item("minm", "Song") + dmap_item("asar", "Band") + dmap_item("asal", "Record")));
     EXPECT_EQ(read_file("/tmp/airtunes_info"), "Record|zor|Band|zor|Song|zor||zor|");
     std::string jpeg("\xff\xd8\xff\0\xff\xd9", 6);
     a.request("SET_PARAMETER", "Content-Type: image/jpeg\r\n", jpeg);

@@ -6,7 +6,7 @@
 #include "airtunes/audio/airtunes_audio.h"
 #include "airtunes/audio/airtunes_session.h"
 #include "alac/alac_test_util.h"
-#include "support/rtp_sender.h"
+#include "support/airtunes_sender.h"
 
 namespace {
 

@@ -1,28 +1,16 @@
 #!/usr/bin/env python3
 """Makes the ALAC test streams in tests/data/alac/ from deterministic PCM.
 
-ffmpeg serves only as the encoder and the CAF muxer here; nothing is ever decoded by it.
-ALAC is lossless, so the oracle of every stream is the PCM it was made from.
+ffmpeg serves only as the encoder and CAF muxer; nothing is ever decoded by it, and ALAC is
+lossless, so each stream's oracle is the PCM it was made from. ffmpeg 5.1 writes 4096-sample
+frames whatever -frame_size says, so the PCM is cut into 352-sample chunks (an AirTunes frame)
+encoded one by one (see encode_chunk). Each chunk's frame states its sample count; for a full
+chunk the has-size bit is cleared and the count removed, giving the frame a 352-sample encoder
+writes; a short last chunk keeps both, as a real stream's last frame does.
 
-Debian 12's ffmpeg (5.1) writes 4096-sample ALAC frames whatever -frame_size says, so the
-PCM is cut into 352-sample chunks (the frame length of an AirTunes stream) and every chunk is
-encoded on its own, with exactly this command (FMT is s16le or s24le, CH 1 or 2, OPTIONS the
-vector's encoder options listed in VECTORS below):
-
-    ffmpeg -hide_banner -loglevel error -y -f FMT -ar 44100 -ac CH -i chunk.pcm \
-        -c:a alac OPTIONS chunk.caf
-
-Each chunk's CAF file then holds one frame that states its own sample count (has-size bit set,
-then a 32-bit count). The frame is read straight from the container: the packet size from the
-'pakt' chunk, the bytes from the 'data' chunk after its 4-byte edit count. For a full chunk the
-has-size bit is cleared and the 32-bit count removed, which yields the frame a 352-sample
-encoder writes (the rest stays byte-aligned, 4 bytes shorter); a shorter last chunk keeps both,
-as a real stream's last frame does.
-
-Output per vector NAME: NAME.frames (each frame as a 4-byte big-endian length and its bytes),
-NAME.pcm (the source PCM, little-endian, channels interleaved) and a line in vectors.txt:
-    NAME BITS CHANNELS FRAMES SAMPLES FMTP0 ... FMTP11
-where the FMTP numbers are the SDP "a=fmtp:" line for the stream (payload type first).
+Output per vector NAME: NAME.frames (each frame behind its 4-byte big-endian length), NAME.pcm
+(the source, little-endian, interleaved) and a line in vectors.txt:
+    NAME BITS CHANNELS FRAMES SAMPLES FMTP0 ... FMTP11   (the SDP "a=fmtp:" numbers)
 
 Usage: tests/alac/make_vectors.py [OUTPUT_DIR]   (default: tests/data/alac next to this script)
 """
@@ -53,7 +41,6 @@ VECTORS = [
 
 class Lcg:
     """A fixed 32-bit generator, so the PCM never depends on the Python version."""
-
     def __init__(self, seed):
         self.state = seed & 0xFFFFFFFF
 
@@ -61,8 +48,7 @@ class Lcg:
         self.state = (self.state * 1664525 + 1013904223) & 0xFFFFFFFF
         return self.state
 
-    def uniform(self, amplitude):
-        """An integer in -amplitude..amplitude."""
+    def uniform(self, amplitude):  # an integer in -amplitude..amplitude
         return (self.next() >> 8) % (2 * amplitude + 1) - amplitude
 
 
@@ -114,8 +100,7 @@ def make_pcm(total, bits, channels, seed):
     """Interleaved samples: the passages in turn, lengths chosen not to align with frames."""
     rng = Lcg(seed)
     chans = [[] for _ in range(channels)]
-    pos = 0
-    index = 0
+    pos = index = 0
     while pos < total:
         kind = PASSAGES[index % len(PASSAGES)]
         n = min(total - pos, 211 + (rng.next() >> 16) % 900)
@@ -149,10 +134,8 @@ def caf_chunks(data):
 def read_varint(data, pos):
     value = 0
     while True:
-        byte = data[pos]
-        pos += 1
-        value = (value << 7) | (byte & 0x7F)
-        if byte < 0x80:
+        value, pos = (value << 7) | (data[pos] & 0x7F), pos + 1
+        if data[pos - 1] < 0x80:
             return value, pos
 
 
@@ -188,24 +171,10 @@ def strip_size(frame):
     return bytes(int(bits[i:i + 8], 2) for i in range(0, len(bits), 8))
 
 
-def header_summary(frame, channels):
-    """Verbatim flag and first channel's coefficient count, read from the frame's header."""
-    bits = "".join(format(b, "08b") for b in frame)
-    pos = 19
-    has_size = bits[pos] == "1"
-    verbatim = bits[pos + 3] == "1"
-    pos += 4 + (32 if has_size else 0)
-    if verbatim:
-        return "verbatim"
-    pos += 16 + 11  # interlacing (or reserved) bytes, type, shift, modifier
-    return "n=%d" % int(bits[pos:pos + 5], 2)
-
-
 def encode_chunk(pcm, bits, channels, options, workdir):
     chunk_pcm = os.path.join(workdir, "chunk.pcm")
     chunk_caf = os.path.join(workdir, "chunk.caf")
-    with open(chunk_pcm, "wb") as f:
-        f.write(pcm)
+    open(chunk_pcm, "wb").write(pcm)
     fmt = "s16le" if bits == 16 else "s24le"
     subprocess.run(["ffmpeg", "-hide_banner", "-loglevel", "error", "-y", "-f", fmt,
                     "-ar", str(RATE), "-ac", str(channels), "-i", chunk_pcm, "-c:a", "alac"] +
@@ -231,7 +200,6 @@ def make_vector(out_dir, name, bits, channels, full_frames, last, options, seed,
     pcm = pack_pcm(samples, bits)
     step = FRAME * channels * bits // 8
     stream = bytearray()
-    kinds = {}
     fmtp = None
     with tempfile.TemporaryDirectory() as workdir:
         for start in range(0, len(pcm), step):
@@ -241,19 +209,14 @@ def make_vector(out_dir, name, bits, channels, full_frames, last, options, seed,
                 frame = strip_size(frame)
             if len(frame) > 2048:
                 raise ValueError("%s: a %d-byte frame does not fit a packet" % (name, len(frame)))
-            summary = header_summary(frame, channels)
-            kinds[summary] = kinds.get(summary, 0) + 1
             stream += struct.pack(">I", len(frame)) + frame
             fmtp = fmtp or fmtp_line(config, bits, channels)
-    with open(os.path.join(out_dir, name + ".frames"), "wb") as f:
-        f.write(stream)
-    with open(os.path.join(out_dir, name + ".pcm"), "wb") as f:
-        f.write(pcm)
+    open(os.path.join(out_dir, name + ".frames"), "wb").write(stream)
+    open(os.path.join(out_dir, name + ".pcm"), "wb").write(pcm)
     frames = full_frames + (1 if last else 0)
     manifest.append("%s %d %d %d %d %s" % (name, bits, channels, frames, total,
                                            " ".join(str(v) for v in fmtp)))
-    print("%-22s %3d frames, %6d bytes of frames; %s" % (
-        name, frames, len(stream), ", ".join("%s: %d" % kv for kv in sorted(kinds.items()))))
+    print("%-22s %3d frames, %6d bytes of frames" % (name, frames, len(stream)))
 
 
 def main():

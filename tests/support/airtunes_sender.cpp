@@ -7,10 +7,14 @@
 #include <openssl/rsa.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <memory>
+#include <sstream>
+#include <thread>
 #include <vector>
 
+#include "tools/decipher/aes.h"
 #include "tools/decipher/base64.h"
 
 namespace zt {
@@ -50,33 +54,25 @@ std::vector<uint8_t> rsa_public(const uint8_t* in, size_t n, bool encrypt) {
     return out;
 }
 
-bool complete(const std::string& data) {
-    size_t end = data.find("\r\n\r\n");
-    if (end == std::string::npos) return false;
-    std::string cl = header_value(data.substr(0, end + 4), "Content-Length");
-    return data.size() >= end + 4 + std::strtoul(cl.c_str(), nullptr, 10);
-}
-
 }  // namespace
+
+std::string dmap_item(const std::string& tag, const std::string& value) {
+    std::string s = tag;
+    for (int shift = 24; shift >= 0; shift -= 8) s += static_cast<char>((value.size() >> shift) & 255);
+    return s + value;
+}
 
 std::string sender_ip() {
     return env_or("ZOR_SENDER_IP", "192.0.2.20");
 }
 
 Client connect_rtsp() {
-    Client c(::socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in local{AF_INET, 0, {}, {}}, daemon{AF_INET, htons(5000), {}, {}};
-    ::inet_pton(AF_INET, sender_ip().c_str(), &local.sin_addr);
-    ::inet_pton(AF_INET, env_or("ZOR_ETH0_IP", "192.0.2.10").c_str(), &daemon.sin_addr);
-    if (::bind(c.fd(), reinterpret_cast<sockaddr*>(&local), sizeof(local)) != 0 ||
-        ::connect(c.fd(), reinterpret_cast<sockaddr*>(&daemon), sizeof(daemon)) != 0)
-        return Client();
-    return c;
+    return connect_from(sender_ip(), env_or("ZOR_ETH0_IP", "192.0.2.10"), 5000);
 }
 
 std::string recv_rtsp_reply(Client& c) {
     std::string data = c.recv_some(std::chrono::seconds(8));
-    for (std::string more = "x"; !data.empty() && !complete(data) && !more.empty(); data += more)
+    for (std::string more = "x"; !data.empty() && message_length(data) == 0 && !more.empty(); data += more)
         more = c.recv_some(std::chrono::milliseconds(300));
     return data;
 }
@@ -133,6 +129,11 @@ std::string AirtunesSender::setup() {
                                 ";timing_port=" + std::to_string(timing_port) + "\r\n");
 }
 
+bool AirtunesSender::start_stream() {
+    return status_code(announce()) == 200 && status_code(setup()) == 200 &&
+           status_code(request("RECORD", "RTP-Info: seq=1000;rtptime=0\r\n")) == 200;
+}
+
 bool AirtunesSender::verify_apple_response(const std::string& reply) const {
     std::string value = header_value(reply, "Apple-Response");
     std::vector<uint8_t> signature(value.size());
@@ -145,6 +146,88 @@ bool AirtunesSender::verify_apple_response(const std::string& reply) const {
     for (size_t i = 0; i < 6; ++i)
         expected[20 + i] = static_cast<uint8_t>(std::stoul(mac.substr(3 * i, 2), nullptr, 16));
     return value.size() == 342 && rsa_public(signature.data(), signature.size(), false) == expected;
+}
+
+std::vector<AlacVector> alac_vectors() {
+    std::vector<AlacVector> out;
+    std::istringstream in(read_file(source_dir() + "/tests/data/alac/vectors.txt"));
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream fields(line);
+        AlacVector v;
+        if (line.empty() || line[0] == '#' ||
+            !(fields >> v.name >> v.bits >> v.channels >> v.frames >> v.samples))
+            continue;
+        for (int value; fields >> value;) v.fmtp.push_back(value);
+        out.push_back(v);
+    }
+    return out;
+}
+
+std::vector<Frame> load_alac_frames(const std::string& name) {
+    std::string file = read_file(source_dir() + "/tests/data/alac/" + name + ".frames");
+    std::vector<Frame> frames;
+    for (size_t pos = 0; pos + 4 <= file.size();) {
+        size_t length = 0;
+        for (int i = 0; i < 4; ++i) length = length << 8 | static_cast<uint8_t>(file[pos++]);
+        if (length > file.size() - pos) break;
+        frames.emplace_back(file.begin() + long(pos), file.begin() + long(pos + length));
+        pos += length;
+    }
+    return frames;
+}
+
+std::string load_alac_pcm(const std::string& name) {
+    return read_file(source_dir() + "/tests/data/alac/" + name + ".pcm");
+}
+
+RtpSender::RtpSender(const std::array<uint8_t, 16>& k, const std::array<uint8_t, 16>& v,
+                     const std::string& source)
+    : key(k), iv(v), sock(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in addr{AF_INET, 0, {}, {}};
+    inet_pton(AF_INET, source.c_str(), &addr.sin_addr);
+    ::bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+}
+
+RtpSender::~RtpSender() {
+    ::close(sock);
+}
+
+Frame RtpSender::encrypt(const Frame& frame) const {
+    Frame out = frame;
+    aes_encrypt_payload(frame.data(), out.data(), static_cast<int>(frame.size()), iv.data(),
+                        key.data());
+    return out;
+}
+
+Frame RtpSender::packet(const Frame& frame, uint16_t seq_no, uint32_t ts, bool resend) const {
+    Frame out;
+    if (resend) out = {0x80, 0xD6, 0x00, 0x01};
+    const uint32_t seq32 = seq_no;
+    for (uint32_t b : {0x80u, 0xE0u, seq32 >> 8, seq32, ts >> 24, ts >> 16, ts >> 8, ts, 0x12u,
+                       0x34u, 0x56u, 0x78u})
+        out.push_back(static_cast<uint8_t>(b));
+    Frame payload = encrypt(frame);
+    out.insert(out.end(), payload.begin(), payload.end());
+    return out;
+}
+
+bool RtpSender::send(const Frame& datagram, int port) const {
+    sockaddr_in to{AF_INET, htons(static_cast<uint16_t>(port)), {}, {}};
+    inet_pton(AF_INET, "192.0.2.10", &to.sin_addr);
+    return ::sendto(sock, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&to),
+                    sizeof(to)) == static_cast<ssize_t>(datagram.size());
+}
+
+bool RtpSender::send_frames(const std::vector<Frame>& frames, double speed) {
+    const auto start = std::chrono::steady_clock::now();
+    const std::chrono::duration<double> frame_time(352 / 44100.0 / (speed > 0 ? speed : 1e9));
+    for (size_t i = 0; i < frames.size(); ++i, ++seq, timestamp += 352) {
+        std::this_thread::sleep_until(
+            start +
+            std::chrono::duration_cast<std::chrono::steady_clock::duration>(frame_time * i));
+        if (!send(packet(frames[i], seq, timestamp))) return false;
+    }
+    return true;
 }
 
 }  // namespace zt

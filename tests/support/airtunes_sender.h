@@ -1,10 +1,12 @@
-// The sender's side of an AirTunes RTSP session, with real RSA and AES, from the sender
-// address. The RTP side of a test reuses its key, IV, ports and address.
+// The sender's side of AirTunes from the sender's address: the RTSP session with real RSA
+// and AES, and the RTP packets of ALAC frames (the committed streams of tests/data/alac)
+// encrypted under the session's key and IV.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "support/support.h"
 
@@ -16,6 +18,9 @@ Client connect_rtsp();
 // One reply: a header block with its Content-Length body, or a bare status line once nothing
 // more arrives for 300 ms. "" when nothing came within 8 s.
 std::string recv_rtsp_reply(Client& c);
+
+// A DMAP item as senders write metadata: 4-character tag, 32-bit big-endian length, value.
+std::string dmap_item(const std::string& tag, const std::string& value);
 
 class AirtunesSender {
    public:
@@ -31,6 +36,8 @@ class AirtunesSender {
     // ANNOUNCE of the ALAC stream: the key under the box's public key, the IV, a challenge.
     std::string announce();
     std::string setup();  // control and timing ports
+    // ANNOUNCE, SETUP and RECORD; false unless each is answered 200.
+    bool start_stream();
     // The Apple-Response is the box key's signature over the last challenge, eth0's IPv4 and MAC.
     bool verify_apple_response(const std::string& reply) const;
 
@@ -42,6 +49,41 @@ class AirtunesSender {
    private:
     std::string device_id_;
     std::array<uint8_t, 16> challenge_{};
+};
+
+using Frame = std::vector<uint8_t>;
+
+// A committed stream: tests/data/alac/NAME.frames (each frame behind a 4-byte big-endian
+// length) and NAME.pcm, its source PCM, listed in vectors.txt.
+struct AlacVector {
+    std::string name;
+    int bits = 0, channels = 0, frames = 0, samples = 0;
+    std::vector<int> fmtp;  // the twelve numbers of the SDP fmtp line
+};
+std::vector<AlacVector> alac_vectors();
+std::vector<Frame> load_alac_frames(const std::string& name);
+std::string load_alac_pcm(const std::string& name);
+
+struct RtpSender {
+    // Binds a UDP socket to source (any port).
+    RtpSender(const std::array<uint8_t, 16>& key, const std::array<uint8_t, 16>& iv,
+              const std::string& source = "192.0.2.20");
+    ~RtpSender();
+    // A sender's encryption: the whole 16-byte blocks with AES-128-CBC from the IV, the rest
+    // in clear.
+    Frame encrypt(const Frame& frame) const;
+    // A datagram: 12-byte RTP header (type 0x60, marker set) and the encrypted frame; a
+    // retransmission puts its 4-byte prefix of type 0x56 in front.
+    Frame packet(const Frame& frame, uint16_t seq, uint32_t timestamp, bool resend = false) const;
+    bool send(const Frame& datagram, int port = 6000) const;  // to the box
+    // Sends the frames as packets seq, seq + 1, ... (timestamps + 352) at speed times real
+    // time (0: as fast as the socket takes them). seq and timestamp move on.
+    bool send_frames(const std::vector<Frame>& frames, double speed = 1.0);
+
+    std::array<uint8_t, 16> key, iv;
+    int sock = -1;
+    uint16_t seq = 1000;
+    uint32_t timestamp = 0;
 };
 
 }  // namespace zt

@@ -48,15 +48,14 @@ std::vector<PlayerCommand> Box::commands() const {
     return out;
 }
 
-bool Box::wait_command(const std::string& name, size_t count,
-                       std::chrono::milliseconds timeout) const {
-    return wait_until(
-        [&] {
-            size_t n = 0;
-            for (const auto& c : commands()) n += c.name == name;
-            return n >= count;
-        },
-        timeout);
+size_t Box::count(const std::string& name) const {
+    size_t n = 0;
+    for (const auto& c : commands()) n += c.name == name;
+    return n;
+}
+
+bool Box::wait_command(const std::string& name, size_t n, std::chrono::milliseconds timeout) const {
+    return wait_until([&] { return count(name) >= n; }, timeout);
 }
 
 std::string Box::sim(const std::string& target) const {

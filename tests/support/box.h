@@ -35,6 +35,8 @@ class Box {
     Process& daemon() { return daemon_; }
     // The commands player_sim has received so far, in order.
     std::vector<PlayerCommand> commands() const;
+    // How many commands named `name` player_sim has received so far.
+    size_t count(const std::string& name) const;
     // Waits until player_sim has logged `count` commands named `name`.
     bool wait_command(const std::string& name, size_t count = 1,
                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;

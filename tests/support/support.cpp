@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <thread>
 #include <utility>
 
@@ -29,12 +29,6 @@ std::string env_or(const char* name, const char* fallback) {
 bool wait_readable(int fd, std::chrono::milliseconds timeout) {
     pollfd p{fd, POLLIN, 0};
     return ::poll(&p, 1, static_cast<int>(timeout.count())) > 0;
-}
-
-int exit_status(int status) {
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return -1;
 }
 
 }  // namespace
@@ -57,9 +51,7 @@ bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds tim
 
 std::string read_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 bool file_exists(const std::string& path) {
@@ -77,11 +69,7 @@ bool Process::start(const std::vector<std::string>& argv, const std::string& log
     if (pid_ < 0) return false;
     if (pid_ == 0) {
         int fd = ::open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (fd >= 0) {
-            ::dup2(fd, 1);
-            ::dup2(fd, 2);
-            ::close(fd);
-        }
+        ::dup2(fd, 1), ::dup2(fd, 2), ::close(fd);
         std::vector<char*> args;
         for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
         args.push_back(nullptr);
@@ -92,29 +80,20 @@ bool Process::start(const std::vector<std::string>& argv, const std::string& log
 }
 
 int Process::wait_exit(std::chrono::milliseconds timeout) {
-    if (pid_ <= 0) return -1;
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        int status = 0;
-        pid_t r = ::waitpid(pid_, &status, WNOHANG);
-        if (r == pid_) {
-            pid_ = -1;
-            return exit_status(status);
-        }
-        if (std::chrono::steady_clock::now() >= deadline) return -1;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    int status = 0;
+    if (pid_ <= 0 || !wait_until([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout))
+        return -1;
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
 int Process::stop(int sig, std::chrono::milliseconds timeout) {
     if (pid_ <= 0) return -1;
     ::kill(pid_, sig);
     int rc = wait_exit(timeout);
-    if (rc == -1 && pid_ > 0) {
+    if (rc == -1 && pid_ > 0) {  // it hung: kill and reap it
         ::kill(pid_, SIGKILL);
-        int status = 0;
-        ::waitpid(pid_, &status, 0);
-        pid_ = -1;
+        ::waitpid(std::exchange(pid_, -1), nullptr, 0);
     }
     return rc;
 }
@@ -176,55 +155,59 @@ std::string Client::recv_some(std::chrono::milliseconds timeout, size_t max) {
     return out;
 }
 
+namespace {
+
+// Appends what arrives before the deadline; the read's result (0: closed, < 0: failed or
+// time-out, then errno is ETIMEDOUT).
+ssize_t read_more(int fd, std::string& data, std::chrono::steady_clock::time_point deadline) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0 || !wait_readable(fd, left)) return errno = ETIMEDOUT, -1;
+    char buf[8192];
+    ssize_t n = ::recv(fd, buf, sizeof(buf), 0);
+    if (n > 0) data.append(buf, static_cast<size_t>(n));
+    return n;
+}
+
+}  // namespace
+
 std::string Client::recv_message(std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     std::string data = std::exchange(pending_, {});
-    for (;;) {
-        size_t end = data.find("\r\n\r\n");
-        if (end != std::string::npos) {
-            std::string cl = header_value(data.substr(0, end + 4), "Content-Length");
-            size_t total = end + 4 + (cl.empty() ? 0 : std::strtoul(cl.c_str(), nullptr, 10));
-            if (data.size() >= total) {
-                pending_ = data.substr(total);
-                return data.substr(0, total);
-            }
-        }
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0 || !wait_readable(fd_, left)) return data;
-        char buf[8192];
-        ssize_t n = ::recv(fd_, buf, sizeof(buf), 0);
-        if (n <= 0) return data;
-        data.append(buf, static_cast<size_t>(n));
-    }
+    size_t total;
+    while ((total = message_length(data)) == 0)
+        if (read_more(fd_, data, deadline) <= 0) return data;
+    pending_ = data.substr(total);
+    return data.substr(0, total);
 }
 
 std::string Client::recv_all(std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     std::string data = std::exchange(pending_, {});
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0 || !wait_readable(fd_, left)) return data;
-        char buf[8192];
-        ssize_t n = ::recv(fd_, buf, sizeof(buf), 0);
-        if (n <= 0) return data;
-        data.append(buf, static_cast<size_t>(n));
+    while (read_more(fd_, data, deadline) > 0) {
     }
+    return data;
 }
 
 bool Client::closed_by_peer(std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0 || !wait_readable(fd_, left)) return false;
-        char buf[4096];
-        ssize_t n = ::recv(fd_, buf, sizeof(buf), 0);
+        ssize_t n = read_more(fd_, pending_, deadline);
         if (n == 0) return true;
         if (n < 0) return errno == ECONNRESET;
-        pending_.append(buf, static_cast<size_t>(n));
     }
+}
+
+Client connect_from(const std::string& source, const std::string& host, int port, int rcvbuf) {
+    Client c(::socket(AF_INET, SOCK_STREAM, 0));
+    if (rcvbuf > 0) ::setsockopt(c.fd(), SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf));
+    sockaddr_in from{AF_INET, 0, {}, {}}, to{AF_INET, htons(static_cast<uint16_t>(port)), {}, {}};
+    ::inet_pton(AF_INET, source.c_str(), &from.sin_addr);
+    ::inet_pton(AF_INET, host.c_str(), &to.sin_addr);
+    if (::bind(c.fd(), reinterpret_cast<sockaddr*>(&from), sizeof(from)) != 0 ||
+        ::connect(c.fd(), reinterpret_cast<sockaddr*>(&to), sizeof(to)) != 0)
+        return Client();
+    return c;
 }
 
 SocketPair::SocketPair() {
@@ -289,6 +272,14 @@ int status_code(const std::string& message) {
     size_t sp = message.find(' ');
     if (sp == std::string::npos) return -1;
     return std::atoi(message.c_str() + sp + 1);
+}
+
+size_t message_length(const std::string& data) {
+    size_t end = data.find("\r\n\r\n");
+    if (end == std::string::npos) return 0;
+    std::string cl = header_value(data.substr(0, end + 4), "Content-Length");
+    size_t total = end + 4 + (cl.empty() ? 0 : std::strtoul(cl.c_str(), nullptr, 10));
+    return data.size() >= total ? total : 0;
 }
 
 std::string body_of(const std::string& message) {

@@ -80,6 +80,10 @@ class Client {
     std::string pending_;  // bytes read past the last message
 };
 
+// A connection from source (an address of the sandbox) to host:port, with a receive buffer of
+// rcvbuf bytes when > 0; an invalid Client on failure.
+Client connect_from(const std::string& source, const std::string& host, int port, int rcvbuf = 0);
+
 // A connected pair of local stream sockets: the code under test uses `sock`, the test plays
 // the peer on `peer`. Both are closed with the pair.
 struct SocketPair {
@@ -103,5 +107,8 @@ int accept_one(int listen_fd, std::chrono::milliseconds timeout = std::chrono::s
 std::string header_value(const std::string& message, const std::string& name);
 int status_code(const std::string& message);
 std::string body_of(const std::string& message);
+// Length of the first whole message in data (header block and Content-Length body); 0 while
+// it is incomplete.
+size_t message_length(const std::string& data);
 
 }  // namespace zt
