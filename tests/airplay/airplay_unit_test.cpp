@@ -1,12 +1,19 @@
-// In-process checks of the AirPlay unit's parsers and builders: the player's status reply,
-// the event request, and the replies whose values come from the video state.
+// In-process checks of the AirPlay unit: the player's status reply, the choice of event
+// category, the replies whose values come from the video state, and the video monitor's
+// state machine run one poll at a time against player_sim, with one end of a socket pair
+// as the sender's reverse connection.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <climits>
 #include <csignal>
+#include <cstring>
+#include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "airplay/airplay.h"
 #include "airplay/video/airplay_video.h"
@@ -15,60 +22,44 @@
 
 namespace {
 
-struct Parsed {
-    int status, seek, duration, position;
-};
-
-Parsed parse(const std::string& text, int preset = 7) {
-    video_status_record vs{};
-    vs.status = preset;
-    vs.duration = preset;
-    vs.position = preset;
-    vs.seek_enabled = preset;
-    airplay_video_parse_info(text.c_str(), &vs);
-    return {vs.status, vs.seek_enabled, vs.duration, vs.position};
-}
-
-TEST(VideoParseInfo, StatusTagsInTheirOrder) {
-    EXPECT_EQ(parse("<currentStatus>pause<x><currentStatus>play<").status, 1);
-    EXPECT_EQ(parse("<currentStatus>pause</currentStatus>").status, 3);
-    EXPECT_EQ(parse("<currentStatus>stop</currentStatus>").status, 4);
-    EXPECT_EQ(parse("<currentStatus>buffering</currentStatus>").status, 2);
-    EXPECT_EQ(parse("<currentStatus>playing</currentStatus>").status, 4);  // not a known tag
-    EXPECT_EQ(parse("").status, 4);
-    EXPECT_EQ(parse("<seekEnable>true</seekEnable>").seek, 1);
-    EXPECT_EQ(parse("<seekEnable>false</seekEnable>").seek, 0);
-}
-
-TEST(VideoParseInfo, TimesUpToTheNextTag) {
-    Parsed p = parse("<totalTime>90</totalTime><currentTime> 30.7</currentTime>");
-    EXPECT_EQ(p.duration, 90);
-    EXPECT_EQ(p.position, 30);
-    EXPECT_EQ(parse("<currentTime>-12abc</currentTime>").position, -12);
-    EXPECT_EQ(parse("<currentTime>x</currentTime>").position, 0);
-    // Missing tag: 0; tag without a following "<": the old value stays.
-    EXPECT_EQ(parse("<currentTime>5<").duration, 0);
-    EXPECT_EQ(parse("<totalTime>90").duration, 7);
-    // Values beyond the int range are clamped, never undefined.
-    EXPECT_EQ(parse("<totalTime>99999999999999<").duration, INT_MAX);
-}
-
-TEST(VideoParseInfo, LongNumbersAreCutTo31Characters) {
-    EXPECT_EQ(parse("<totalTime>" + std::string(30, ' ') + "5<").duration, 5);
-    EXPECT_EQ(parse("<totalTime>" + std::string(31, ' ') + "5<").duration, 0);
-    EXPECT_EQ(parse("<totalTime>" + std::string(4000, '1') + "<").duration, INT_MAX);
-    video_status_record vs{};
-    vs.duration = 3;
+TEST(VideoParseInfo, Table) {
+    // Fields start at 7 so that "left alone" shows. status, seek, duration, position.
+    const std::string spaces30(30, ' ');
+    const struct {
+        std::string text;
+        int status, seek, duration, position;
+    } cases[] = {
+        {"<currentStatus>pause<x><currentStatus>play<", 1, 0, 0, 0},  // tags in their order
+        {"<currentStatus>pause</currentStatus>", 3, 0, 0, 0},
+        {"<currentStatus>stop</currentStatus>", 4, 0, 0, 0},
+        {"<currentStatus>buffering</currentStatus>", 2, 0, 0, 0},
+        {"<currentStatus>playing</currentStatus>", 4, 0, 0, 0},  // not a known tag
+        {"<seekEnable>true</seekEnable>", 4, 1, 0, 0},
+        {"<totalTime>90</totalTime><currentTime> 30.7</currentTime>", 4, 0, 90, 30},
+        {"<currentTime>-12abc</currentTime>", 4, 0, 0, -12},
+        {"<currentTime>x</currentTime>", 4, 0, 0, 0},
+        {"<totalTime>90", 4, 0, 7, 0},  // no "<" after the value: the old value stays
+        {"<totalTime>99999999999999<", 4, 0, INT_MAX, 0},  // clamped, never undefined
+        {"<totalTime>" + spaces30 + "5<", 4, 0, 5, 0},     // cut to 31 characters
+        {"<totalTime> " + spaces30 + "5<", 4, 0, 0, 0},
+        {"<totalTime>" + std::string(4000, '1') + "<", 4, 0, INT_MAX, 0},
+    };
+    for (const auto& c : cases) {
+        video_status_record vs{7, 7, 7, 7, 7};
+        airplay_video_parse_info(c.text.c_str(), &vs);
+        EXPECT_EQ((std::vector<int>{vs.status, vs.seek_enabled, vs.duration, vs.position}),
+                  (std::vector<int>{c.status, c.seek, c.duration, c.position}))
+            << c.text.substr(0, 60);
+    }
+    video_status_record vs{7, 7, 7, 3, 7};
     airplay_video_parse_info(nullptr, &vs);
     EXPECT_EQ(vs.duration, 3);
 }
 
-// Reads what one side of a socket pair has received so far.
 std::string drain(int fd) {
     std::string out;
     char buf[8192];
-    ssize_t n;
-    while ((n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT)) > 0) out.append(buf, n);
+    for (ssize_t n; (n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT)) > 0;) out.append(buf, n);
     return out;
 }
 
@@ -80,8 +71,17 @@ class PairTest : public ::testing::Test {
         daemon_init_session(&g_daemon.session);
     }
     void TearDown() override {
+        g_daemon.session.event_socket = 0;
         close(fds_[0]);
-        close(fds_[1]);
+        if (fds_[1] >= 0) close(fds_[1]);
+    }
+    // Calls f with stdout captured; returns what it printed.
+    template <class F>
+    static std::string printed(F f) {
+        testing::internal::CaptureStdout();
+        f();
+        fflush(stdout);
+        return testing::internal::GetCapturedStdout();
     }
     int fds_[2] = {-1, -1};
 };
@@ -90,35 +90,23 @@ using PlaybackEvent = PairTest;
 
 TEST_F(PlaybackEvent, CategoryFollowsWhatIsShownAndNeedsAReverseConnection) {
     // The exact bytes are checked against the daemon; here the choice of category.
+    auto category = [&](unsigned mask, const char* state) {
+        g_daemon.session.activity_mask = mask;
+        send_playback_event_xml(&g_daemon.session, state);
+        return zt::plist_value(zt::body_of(drain(fds_[1])), "category");
+    };
     g_daemon.session.activity_mask = kActivityVideo;
     EXPECT_EQ(send_playback_event_xml(&g_daemon.session, "playing"), -1);  // none yet
     airplay_events_attach(&g_daemon.session, fds_[0]);
-    int written = send_playback_event_xml(&g_daemon.session, "playing");
-    std::string event = drain(fds_[1]);
-    EXPECT_EQ(written, static_cast<int>(event.size()));
-    EXPECT_EQ(zt::header_value(event, "Content-Length"), std::to_string(zt::body_of(event).size()));
-    EXPECT_EQ(zt::plist_value(zt::body_of(event), "category"), "video");
-
-    g_daemon.session.activity_mask = kActivityVideo | kActivityPhoto;
-    send_playback_event_xml(&g_daemon.session, "paused");
-    EXPECT_EQ(zt::plist_value(zt::body_of(drain(fds_[1])), "category"), "photo");
-
-    g_daemon.session.activity_mask = 0;
-    testing::internal::CaptureStdout();
-    send_playback_event_xml(&g_daemon.session, "stopped");
-    fflush(stdout);
-    std::string log = testing::internal::GetCapturedStdout();
-    std::string body = zt::body_of(drain(fds_[1]));
-    EXPECT_EQ(zt::plist_value(body, "category"), "video");
-    EXPECT_EQ(zt::plist_value(body, "state"), "stopped");
+    EXPECT_EQ(category(kActivityVideo, "playing"), "video");
+    EXPECT_EQ(category(kActivityVideo | kActivityPhoto, "paused"), "photo");
+    std::string log = printed([&] { EXPECT_EQ(category(0, "stopped"), "video"); });
     EXPECT_NE(log.find("WARNING : no current media type, force video\n"), std::string::npos);
 
     // The sender has gone: the connection is dropped and forgotten, with one line naming it.
     close(fds_[1]);
     fds_[1] = -1;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(send_playback_event_xml(&g_daemon.session, "paused"), -1);
-    log = testing::internal::GetCapturedStdout();
+    log = printed([] { EXPECT_EQ(send_playback_event_xml(&g_daemon.session, "paused"), -1); });
     EXPECT_NE(
         log.find("send_playback_event_xml unable to send out(" + std::to_string(fds_[0]) + ")"),
         std::string::npos)
@@ -128,53 +116,184 @@ TEST_F(PlaybackEvent, CategoryFollowsWhatIsShownAndNeedsAReverseConnection) {
 
 using DispatchValues = PairTest;
 
-std::string dispatch(int fds[2], const std::string& request) {
-    send(fds[1], request.data(), request.size(), 0);
-    net_conn conn;
-    conn_open(&conn, fds[0], 0);
-    int status = airplay_dispatch(&g_daemon.session, &conn);
-    std::string reply = drain(fds[1]);
-    return status == 200 ? reply : "status " + std::to_string(status) + "\n" + reply;
-}
-
 TEST_F(DispatchValues, PlaybackInfoScrubAndAccessLogFollowTheVideo) {
-    auto set = [](int status, int position, int duration) {
+    // The reply formats are checked byte for byte against the daemon; here the values.
+    auto body = [&](int status, int position, int duration, const std::string& request) {
         video_record_change([=](video_record& r) {
             r.video_status.status = status;
             r.video_status.position = position;
             r.video_status.duration = duration;
         });
+        std::string full = request + " HTTP/1.1\r\n\r\n";
+        send(fds_[1], full.data(), full.size(), 0);
+        net_conn conn;
+        conn_open(&conn, fds_[0], 0);
+        EXPECT_EQ(airplay_dispatch(&g_daemon.session, &conn), 200) << request;
+        return zt::body_of(drain(fds_[1]));
     };
-    set(1, 30, 120);
-    std::string info = zt::body_of(dispatch(fds_, "GET /playback-info HTTP/1.1\r\n\r\n"));
-    EXPECT_EQ(zt::plist_value(info, "duration"), "120.000000");
-    EXPECT_EQ(zt::plist_value(info, "position"), "30.000000");
-    EXPECT_EQ(zt::plist_value(info, "rate"), "1");
-    EXPECT_NE(info.find("<key>duration</key>\r\n<real>120.000000</real>"), std::string::npos);
-    EXPECT_NE(info.find("<key>loadedTimeRanges</key>\r\n<array>\r\n<dict>\r\n"
-                        "<key>duration</key> <real>120.000000</real>"),
-              std::string::npos);
-
-    EXPECT_EQ(zt::body_of(dispatch(fds_, "GET /scrub HTTP/1.1\r\n\r\n")),
-              "duration: 120.000000\r\nposition: 30.000000\r\n");
-
-    std::string log =
-        zt::body_of(dispatch(fds_, "POST /getProperty?playbackAccessLog HTTP/1.1\r\n\r\n"));
-    EXPECT_EQ(zt::plist_value(log, "bytes"), "15360");
-    EXPECT_EQ(zt::plist_value(log, "c-duration-downloaded"), "35");
-    EXPECT_EQ(zt::plist_value(log, "c-duration-watched"), "30.000000");
-
-    set(3, 118, 120);
-    info = zt::body_of(dispatch(fds_, "GET /playback-info HTTP/1.1\r\n\r\n"));
-    EXPECT_EQ(zt::plist_value(info, "rate"), "0");
-    log = zt::body_of(dispatch(fds_, "POST /getProperty?playbackAccessLog HTTP/1.1\r\n\r\n"));
-    EXPECT_EQ(zt::plist_value(log, "c-duration-downloaded"), "120");
-
+    const std::string info = "GET /playback-info", access = "POST /getProperty?playbackAccessLog";
+    std::string b = body(1, 30, 120, info);
+    EXPECT_EQ(zt::plist_value(b, "duration"), "120.000000");
+    EXPECT_EQ(zt::plist_value(b, "position"), "30.000000");
+    EXPECT_EQ(zt::plist_value(b, "rate"), "1");
+    EXPECT_EQ(zt::occurrences(b, "<real>120.000000</real>"), 3u);
+    EXPECT_EQ(body(1, 30, 120, "GET /scrub"), "duration: 120.000000\r\nposition: 30.000000\r\n");
+    b = body(1, 30, 120, access);
+    EXPECT_EQ(zt::plist_value(b, "bytes"), "15360");
+    EXPECT_EQ(zt::plist_value(b, "c-duration-downloaded"), "35");
+    EXPECT_EQ(zt::plist_value(b, "c-duration-watched"), "30.000000");
+    EXPECT_EQ(zt::plist_value(body(3, 118, 120, info), "rate"), "0");
+    EXPECT_EQ(zt::plist_value(body(3, 118, 120, access), "c-duration-downloaded"), "120");
     // Player numbers at the edge of the int range do not overflow the arithmetic.
-    set(3, INT_MAX, INT_MAX);
-    log = zt::body_of(dispatch(fds_, "POST /getProperty?playbackAccessLog HTTP/1.1\r\n\r\n"));
-    EXPECT_EQ(zt::plist_value(log, "c-duration-downloaded"), std::to_string(INT_MAX));
-    set(4, 0, 0);
+    EXPECT_EQ(zt::plist_value(body(3, INT_MAX, INT_MAX, access), "c-duration-downloaded"),
+              std::to_string(INT_MAX));
+    video_record_change([](video_record& r) { r = video_record{}; });
+}
+
+using Events = std::vector<std::string>;
+
+class Monitor : public PairTest {
+   protected:
+    void SetUp() override {
+        PairTest::SetUp();
+        ASSERT_TRUE(box_.start_player());
+        video_record_change([](video_record& r) { r = video_record{}; });
+    }
+    // What a successful POST /play leaves behind.
+    void started() {
+        video_record_change([](video_record& r) {
+            r.video_status.status = r.video_status.last_status = 0;
+            r.video_started = 1;
+            ++r.starts;
+        });
+        airplay_events_attach(&g_daemon.session, fds_[0]);
+    }
+    // One pass of the main loop as far as video goes: the poll, then the video bit.
+    static int poll() {
+        int status = airplay_video_monitor(&g_daemon.session);
+        if (status != 4)
+            g_daemon.session.activity_mask.fetch_or(kActivityVideo);
+        else
+            g_daemon.session.activity_mask.fetch_and(~kActivityVideo);
+        return status;
+    }
+    // The states of the events the sender has received since the last call.
+    Events events() {
+        std::string data = drain(fds_[1]);
+        Events out;
+        for (size_t at = data.find("POST /event"); at != std::string::npos;
+             at = data.find("POST /event", at + 1))
+            out.push_back(zt::plist_value(data.substr(at), "state"));
+        return out;
+    }
+    size_t queries() const { return zt::commands_named(box_, "get_current_vod_info").size(); }
+    void sim(const std::string& what) { box_.sim("/sim/" + what); }
+
+    zt::Box box_;
+};
+
+TEST_F(Monitor, TheStatesAfterAStart) {
+    // No video, no query.
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(queries(), 0u);
+    // The stop the player still shows right after the start is no event.
+    started();
+    sim("force?vod=stop");
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(g_daemon.session.activity_mask & kActivityVideo, 0u);
+    EXPECT_EQ(video_record_copy().video_status.last_status, 0);
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(queries(), 2u);
+    EXPECT_EQ(events(), Events{});
+    sim("force?vod=pause");
+    EXPECT_EQ(poll(), 3);
+    EXPECT_EQ(poll(), 3);                           // no change, no event
+    sim("close?cmd=get_current_vod_info&count=1");  // a silent player leaves the state alone
+    EXPECT_EQ(poll(), 3);
+    // A stopped video is still followed.
+    sim("force?vod=stop");
+    EXPECT_EQ(poll(), 4);
+    size_t asked = queries();
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(queries(), asked + 1);
+    // A start position of a few hundredths is not sought (a larger one is, seen elsewhere).
+    video_record_change([](video_record& r) { r.start_position = 0.05f; });
+    sim("force?vod=play&seek=true");
+    EXPECT_EQ(poll(), 1);
+    EXPECT_FLOAT_EQ(video_record_copy().start_position, 0.05f);
+    EXPECT_EQ(events(), (Events{"paused", "stopped", "playing"}));
+}
+
+TEST_F(Monitor, RefusedQueries) {
+    // Before the player has reported anything, a refusal changes nothing.
+    started();
+    sim("refuse?cmd=get_current_vod_info&count=1");
+    EXPECT_EQ(poll(), 0);
+    EXPECT_EQ(video_record_copy().video_started, 1);
+    // While buffering: back to stopped without telling the sender, and still followed.
+    sim("force?vod=buffering");
+    EXPECT_EQ(poll(), 2);
+    sim("refuse?cmd=get_current_vod_info&count=1");
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(video_record_copy().video_status.last_status, 4);
+    EXPECT_EQ(video_record_copy().video_started, 1);
+    EXPECT_EQ(events(), Events{"loading"});
+    // While playing without a reverse connection: nothing changes.
+    sim("force?vod=play");
+    EXPECT_EQ(poll(), 1);
+    g_daemon.session.event_socket = 0;
+    sim("refuse?cmd=get_current_vod_info&count=1");
+    EXPECT_EQ(poll(), 1);
+    EXPECT_EQ(video_record_copy().video_started, 1);
+    // While playing with one: "stopped", and the video is no longer followed.
+    airplay_events_attach(&g_daemon.session, fds_[0]);
+    sim("refuse?cmd=get_current_vod_info&count=1");
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(video_record_copy().video_started, 0);
+    EXPECT_EQ(events(), (Events{"playing", "stopped"}));
+    size_t asked = queries();
+    EXPECT_EQ(poll(), 4);
+    EXPECT_EQ(queries(), asked);
+}
+
+TEST_F(Monitor, AStartRacingAPollEndsStarted) {
+    // The player shows a stop throughout, so every poll of a video reported as playing is
+    // a change, racing each POST /play. Whatever the order, once the start is accepted the
+    // record is Started, and a stop the player still shows keeps it so.
+    sim("force?vod=stop");
+    std::atomic<bool> done{false};
+    std::thread polls([&] {
+        while (!done) poll();
+    });
+    const std::string body = "Content-Location: http://192.0.2.20:8080/m.mp4\n";
+    const std::string head =
+        "POST /play HTTP/1.1\r\nContent-Type: text/parameters\r\n"
+        "Content-Length: " +
+        std::to_string(body.size()) + "\r\n\r\n";
+    for (int i = 0; i < 20; ++i) {
+        video_record_change([](video_record& r) {
+            r.video_status = {1, 1, 0, 0, 0};
+            r.video_started = 1;
+        });
+        auto x = std::make_unique<net_exchange>();
+        std::memcpy(x->request.head, head.data(), head.size());
+        std::memcpy(x->request.body, body.data(), body.size());
+        x->request.header_len = static_cast<int>(head.size());
+        x->request.content_length = static_cast<int>(body.size());
+        net_conn conn;
+        conn_open(&conn, fds_[0], 0);  // the body came whole with the head: never read
+        ASSERT_EQ(airplay_video_start(&conn, static_cast<int>(head.size() + body.size()), x.get()),
+                  0);
+        EXPECT_EQ(video_record_copy().video_status.last_status, 0) << i;
+        size_t asked = queries();
+        ASSERT_TRUE(zt::wait_until([&] { return queries() >= asked + 2; }));
+        video_record r = video_record_copy();
+        EXPECT_EQ(r.video_status.last_status, 0) << i;
+        EXPECT_EQ(r.video_started, 1) << i;
+        events();
+    }
+    done = true;
+    polls.join();
 }
 
 }  // namespace
