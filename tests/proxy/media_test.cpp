@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "airplay_video/video_sender.h"
+#include "airplay/airplay_test_util.h"
 #include "support/media_server.h"
 
 namespace {
@@ -19,7 +19,7 @@ TEST(Media, TextFormVideoPlaysThroughTheProxy) {
     ASSERT_TRUE(media.start(std::string(2 << 20, 'm')));
     ASSERT_TRUE(box.start() && sender.new_session() && sender.open_reverse());
     media.hold(true);  // the player buffers until the first bytes come
-    EXPECT_EQ(zt::status_code(sender.play_text("Content-Location: http://192.0.2.20:8080/m.mp4\n")),
+    EXPECT_EQ(zt::status_code(sender.play(zt::kText, "Content-Location: http://192.0.2.20:8080/m.mp4\n")),
               200);
     EXPECT_TRUE(media.wait_request(1).starts_with("GET /m.mp4 HTTP/1.1\r\nAccept: */*\r\n"));
     EXPECT_TRUE(sender.wait_event("loading"));
@@ -57,7 +57,7 @@ TEST(Media, PhotosShowAndStop) {
     EXPECT_TRUE(zt::read_file(kPhoto) == jpeg);
     EXPECT_EQ(zt::read_file("/tmp/airplay_photo.flg"), "\n");
     ASSERT_TRUE(box.wait_command("insert_pod_queue"));
-    EXPECT_EQ(zt::control_commands(box).back().target,
+    EXPECT_EQ(zt::commands_named(box).back().target,
               "/playback?arg0=insert_pod_queue&arg1=AirPlayPhoto&"
               "arg2=file:///tmp/airplay_photo.jpg&arg3=&arg4=rot0&arg5=show");
     // Cache-only: read and dropped. Beyond 32 MiB: refused unread (500, connection closed).
@@ -70,8 +70,8 @@ TEST(Media, PhotosShowAndStop) {
     std::this_thread::sleep_for(2500ms);
     write_fifo("stop\n");
     EXPECT_TRUE(sender.wait_event("stopped"));
-    EXPECT_NE(sender.events().find("<string>photo</string>"), std::string::npos);
-    sender.clear_events();
+    EXPECT_NE(sender.events.find("<string>photo</string>"), std::string::npos);
+    sender.events.clear();
     write_fifo("stop");
     EXPECT_TRUE(sender.wait_event("stopped"));
     // POST /stop: stop_pod, and both files go, also when the player does not answer.
