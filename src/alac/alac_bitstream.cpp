@@ -115,15 +115,14 @@ inline bool read_value_fast(alac_bits::cursor* c, int e, int k, uint32_t m, uint
     // extra bit, always given back) unless the mask clears bit 0.
     if (k == 1 && (m & 1u) == 0) return false;
     const int x = std::countl_zero(~window);  // below 9: the window has a zero in its top 9
-    const uint32_t extra = (window << (x + 1)) >> (32 - k);
+    // The terminating zero and the k bits after it, as one number, are the extra bits.
+    const uint32_t extra = (window << x) >> (31 - k);
     // x × ((2^k − 1) & m); residuals have m all ones, where that is a shift and a subtraction.
     const uint32_t ones = static_cast<uint32_t>(x);
     const uint32_t scaled = m == 0xFFFFFFFFu ? (ones << k) - ones : ones * (((1u << k) - 1) & m);
     // Extra values 0 and 1 are coded in k - 1 bits: the last bit belongs to the next value.
-    // Which of the two it is, is data, so it is worked out without a branch.
-    const uint32_t full = (1u - extra) >> 31;  // extra > 1
-    *value = scaled + ((extra - 1) & (0u - full));
-    c->bit += static_cast<size_t>(x + k) + full;
+    *value = scaled + std::max(extra, 1u) - 1;
+    c->bit += static_cast<size_t>(x + k) + (extra > 1);
     return true;
 }
 
