@@ -15,20 +15,14 @@ using alac_arith::add;
 using alac_arith::mul;
 using alac_arith::sub;
 
-// d times its own sign: its magnitude, except that the most negative value stays as it is.
-inline int32_t magnitude(int32_t d) {
-    return d < 0 ? sub(0, d) : d;
-}
-
 // One adaptation step on tap j, whose difference to the oldest sample is d = b[0] − b[n − j]:
 // moves c[j] against the residual e, whose sign is Sign, and returns what is left of e.
-// Written for each sign so that the step is a magnitude.
+// d × s is Sign times the magnitude of d: one multiplication, where a magnitude is three steps.
 template <int Sign, typename Coef>
 inline int32_t adapt_tap(Coef* c, int j, int n, int q, int32_t d, int32_t e) {
-    c[j] = static_cast<int16_t>(c[j] - Sign * alac_arith::sign_of(d));
-    // d times Sign * sign(d): Sign times its magnitude.
-    const int32_t step = Sign > 0 ? magnitude(d) : sub(0, magnitude(d));
-    return sub(e, mul(step >> q, n - j));
+    const int s = Sign * alac_arith::sign_of(d);
+    c[j] = static_cast<int16_t>(c[j] - s);
+    return sub(e, mul(mul(d, s) >> q, n - j));
 }
 
 template <int Sign>
@@ -53,17 +47,19 @@ inline uint32_t adapt_in_place(int16_t* c, int n, int q, const int32_t* b, int32
 // The same for the N coefficients of a fixed order, unrolled.
 template <int Sign, int N>
 inline void adapt_unrolled(int32_t* c, int q, const int32_t* b, int32_t e) {
+    const int32_t oldest = b[0];
 #pragma GCC unroll 32
     for (int j = N - 1; j >= 0; --j) {
-        e = adapt_tap<Sign>(c, j, N, q, sub(b[0], b[N - j]), e);
+        e = adapt_tap<Sign>(c, j, N, q, sub(oldest, b[N - j]), e);
         if (used_up<Sign>(e)) return;
     }
 }
 
-// One sample's adaptation for a short order, out of the sample loop: the loop then keeps its
-// registers for the sum. Most adaptations end after a tap or two.
+// One sample's adaptation for a short order. The differences are taken from the window again
+// rather than kept from the sum: most adaptations end after a tap or two, and the sum then
+// keeps fewer values alive.
 template <int N>
-[[gnu::noinline]] void adapt_short(int32_t* c, int q, const int32_t* b, int32_t e) {
+inline void adapt_short(int32_t* c, int q, const int32_t* b, int32_t e) {
     if (e > 0) {
         adapt_unrolled<1, N>(c, q, b, e);
     } else {
