@@ -73,16 +73,21 @@ void predict_short(const int32_t* r, int32_t* out, int count, int wrap, int16_t*
     int32_t c[N];  // 16-bit values, held at full width so that the sum needs no widening
     std::copy(coefs, coefs + N, c);
     const uint32_t rounding = q > 0 ? 1u << (q - 1) : 0u;
+    // The newest sample comes from a register: read back from memory, it would add a store's
+    // round trip to the chain that runs from each sample to the next.
+    int32_t newest = out[N];
     for (int i = N + 1; i < count; ++i) {
         const int32_t* b = out + i - N - 1;
         const int32_t e = r[i];
         uint32_t minus_sum = 0;  // the sum with the differences taken the other way round
 #pragma GCC unroll 32
         for (int j = 0; j < N; ++j) {
-            minus_sum += static_cast<uint32_t>(c[j]) * static_cast<uint32_t>(sub(b[0], b[N - j]));
+            const int32_t later = j == 0 ? newest : b[N - j];
+            minus_sum += static_cast<uint32_t>(c[j]) * static_cast<uint32_t>(sub(b[0], later));
         }
         const int32_t p = static_cast<int32_t>(rounding - minus_sum) >> q;
-        out[i] = alac_arith::shl(add(add(p, b[0]), e), wrap) >> wrap;
+        newest = alac_arith::shl(add(add(p, b[0]), e), wrap) >> wrap;
+        out[i] = newest;
         if (e != 0) adapt_short<N>(c, q, b, e);
     }
     for (int j = 0; j < N; ++j) coefs[j] = static_cast<int16_t>(c[j]);
