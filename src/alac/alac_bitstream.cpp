@@ -120,24 +120,24 @@ inline bool read_value_fast(alac_bits::cursor* c, int e, int k, uint32_t m, uint
     return true;
 }
 
-// A value read off the fast lane, and where the reader stands after it.
-struct slow_read {
+// A value read by a helper out of the residual loop, and where the reader stands after it.
+struct read_result {
     int32_t value;
     size_t bit;
 };
 
 // Escapes and parameters outside 1..16 go through the decoder's own reader. Out of line and
 // by value, so that the calling loop keeps its cursor in registers.
-[[gnu::noinline]] slow_read read_value_slowly(alac_decoder* d, alac_bits::cursor c, int e, int k,
-                                              uint32_t m) {
+[[gnu::noinline]] read_result read_value_slowly(alac_decoder* d, alac_bits::cursor c, int e, int k,
+                                                uint32_t m) {
     alac_bits::hand_back(d, c);
     const int32_t value = rice_read_value(d, e, k, m);
     return {value, alac_bits::cursor_of(d).bit};
 }
 
 // The count of a run of zero residuals, read after history fell below 128.
-[[gnu::noinline]] slow_read read_run(alac_decoder* d, alac_bits::cursor c, int32_t history,
-                                     uint32_t run_mask) {
+[[gnu::noinline]] read_result read_run(alac_decoder* d, alac_bits::cursor c, int32_t history,
+                                       uint32_t run_mask) {
     const int k = std::countl_zero(static_cast<uint32_t>(history)) + (history + 16) / 64 - 24;
     uint32_t value;
     if (read_value_fast(&c, 16, k, run_mask, &value)) return {static_cast<int32_t>(value), c.bit};
@@ -161,7 +161,7 @@ void decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_h
             v = static_cast<int32_t>(value + sign_modifier);  // below 2^25 + 1
             *o = unfold_small(static_cast<uint32_t>(v));
         } else {
-            const slow_read r = read_value_slowly(d, c, e, k, 0xFFFFFFFFu);
+            const read_result r = read_value_slowly(d, c, e, k, 0xFFFFFFFFu);
             c.bit = r.bit;
             v = add(r.value, static_cast<int32_t>(sign_modifier));
             *o = unfold(v);
@@ -172,7 +172,7 @@ void decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_h
 
         if (history < 128 && end - o > 1) [[unlikely]] {
             // Quiet passage: a count of zero residuals follows.
-            const slow_read r = read_run(d, c, history, run_mask);
+            const read_result r = read_run(d, c, history, run_mask);
             c.bit = r.bit;
             const int32_t run = r.value;
             if (run > 0) {
