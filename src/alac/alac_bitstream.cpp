@@ -90,17 +90,11 @@ inline int32_t unfold_small(uint32_t v) {
     return static_cast<int32_t>((v >> 1) ^ (0u - (v & 1u)));
 }
 
-// Escapes and parameters outside 1..16 go through the decoder's own reader.
-int32_t read_value_slowly(alac_decoder* d, alac_bits::cursor* c, int e, int k, uint32_t m) {
-    alac_bits::hand_back(d, *c);
-    const int32_t value = rice_read_value(d, e, k, m);
-    *c = alac_bits::cursor_of(d);
-    return value;
-}
-
 // rice_read_value from one peek, for the common cases: a prefix of at most 8 ones with
 // 1 <= k <= 16 (the prefix, its zero and the k extra bits make at most 25 bits), or an escape
-// of 1 <= e <= 25 bits. Returns false, having read nothing, for any other value.
+// of 1 <= e <= 25 bits. Returns false, having read nothing, for any other value. A caller that
+// knows k to be in 1..16 says so with KInRange, which saves testing it.
+template <bool KInRange = false>
 inline bool read_value_fast(alac_bits::cursor* c, int e, int k, uint32_t m, uint32_t* value) {
     const uint32_t window = alac_bits::peek(*c);
     if (window >= 0xFF800000u) {
@@ -110,27 +104,50 @@ inline bool read_value_fast(alac_bits::cursor* c, int e, int k, uint32_t m, uint
         *value = alac_bits::take(c, e);
         return true;
     }
-    if (static_cast<unsigned>(k - 1) > 15u) return false;
+    if (!KInRange && static_cast<unsigned>(k - 1) > 15u) return false;
     // With k = 1 the value is the count of ones, which the general case below gives too (one
     // extra bit, always given back) unless the mask clears bit 0.
     if (k == 1 && (m & 1u) == 0) return false;
     const int x = std::countl_zero(~window);  // below 9: the window has a zero in its top 9
-    const uint32_t extra = (window << (x + 1)) >> (32 - k);
+    // The terminating zero and the k bits after it, as one number, are the extra bits.
+    const uint32_t extra = (window << x) >> (31 - k);
     // x × ((2^k − 1) & m); residuals have m all ones, where that is a shift and a subtraction.
     const uint32_t ones = static_cast<uint32_t>(x);
     const uint32_t scaled = m == 0xFFFFFFFFu ? (ones << k) - ones : ones * (((1u << k) - 1) & m);
     // Extra values 0 and 1 are coded in k - 1 bits: the last bit belongs to the next value.
-    // Which of the two it is, is data, so it is worked out without a branch.
-    const uint32_t full = (1u - extra) >> 31;  // extra > 1
-    *value = scaled + ((extra - 1) & (0u - full));
-    c->bit += static_cast<size_t>(x + k) + full;
+    *value = scaled + std::max(extra, 1u) - 1;
+    c->bit += static_cast<unsigned>(x + k) + (extra > 1);
     return true;
 }
 
-}  // namespace
+// A value read by a helper out of the residual loop, and where the reader stands after it.
+struct read_result {
+    int32_t value;
+    size_t bit;
+};
 
-void rice_decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_history,
-                       int limit, int history_mult, uint32_t run_mask) {
+// Escapes and parameters outside 1..16 go through the decoder's own reader. Out of line and
+// by value, so that the calling loop keeps its cursor in registers.
+[[gnu::noinline]] read_result read_value_slowly(alac_decoder* d, alac_bits::cursor c, int e, int k,
+                                                uint32_t m) {
+    alac_bits::hand_back(d, c);
+    const int32_t value = rice_read_value(d, e, k, m);
+    return {value, alac_bits::cursor_of(d).bit};
+}
+
+// The count of a run of zero residuals, read after history fell below 128.
+[[gnu::noinline]] read_result read_run(alac_decoder* d, alac_bits::cursor c, int32_t history,
+                                       uint32_t run_mask) {
+    const int k = std::countl_zero(static_cast<uint32_t>(history)) + (history + 16) / 64 - 24;
+    uint32_t value;
+    if (read_value_fast(&c, 16, k, run_mask, &value)) return {static_cast<int32_t>(value), c.bit};
+    return read_value_slowly(d, c, 16, k, run_mask);
+}
+
+// rice_decode_block; KInRange when the limit is 1..16 and the initial history not negative.
+template <bool KInRange>
+void decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_history, int limit,
+                  int history_mult, uint32_t run_mask) {
     using namespace alac_arith;
     alac_bits::cursor c = alac_bits::cursor_of(d);
     int32_t history = initial_history;
@@ -140,12 +157,13 @@ void rice_decode_block(alac_decoder* d, int32_t* out, int count, int e, int init
         const int k = residual_parameter(history, limit);
         uint32_t value;
         int32_t v;
-        if (read_value_fast(&c, e, k, 0xFFFFFFFFu, &value)) [[likely]] {
+        if (read_value_fast<KInRange>(&c, e, k, 0xFFFFFFFFu, &value)) [[likely]] {
             v = static_cast<int32_t>(value + sign_modifier);  // below 2^25 + 1
             *o = unfold_small(static_cast<uint32_t>(v));
         } else {
-            v = add(read_value_slowly(d, &c, e, k, 0xFFFFFFFFu),
-                    static_cast<int32_t>(sign_modifier));
+            const read_result r = read_value_slowly(d, c, e, k, 0xFFFFFFFFu);
+            c.bit = r.bit;
+            v = add(r.value, static_cast<int32_t>(sign_modifier));
             *o = unfold(v);
         }
         sign_modifier = 0;
@@ -154,22 +172,30 @@ void rice_decode_block(alac_decoder* d, int32_t* out, int count, int e, int init
 
         if (history < 128 && end - o > 1) [[unlikely]] {
             // Quiet passage: a count of zero residuals follows.
-            sign_modifier = 1;
-            const int run_k =
-                std::countl_zero(static_cast<uint32_t>(history)) + (history + 16) / 64 - 24;
-            int32_t run;
-            if (read_value_fast(&c, 16, run_k, run_mask, &value)) {
-                run = static_cast<int32_t>(value);
-            } else {
-                run = read_value_slowly(d, &c, 16, run_k, run_mask);
-            }
+            const read_result r = read_run(d, c, history, run_mask);
+            c.bit = r.bit;
+            const int32_t run = r.value;
             if (run > 0) {
                 const int32_t* last = o + std::min<ptrdiff_t>(run, end - o - 1);
                 for (; o < last;) *++o = 0;
             }
-            if (run > 0xFFFF) sign_modifier = 0;
+            sign_modifier = run > 0xFFFF ? 0 : 1;
             history = 0;
         }
     }
     alac_bits::hand_back(d, c);
+}
+
+}  // namespace
+
+void rice_decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_history,
+                       int limit, int history_mult, uint32_t run_mask) {
+    // History starts every value at 0 or above: whatever takes it below 128 is followed by a
+    // run, which sets it to 0, or ends the block. The parameter is then at least
+    // floor(log2(3)) = 1, and a limit of 1..16 keeps it within what the fast lane reads.
+    if (limit >= 1 && limit <= 16 && initial_history >= 0) {
+        decode_block<true>(d, out, count, e, initial_history, limit, history_mult, run_mask);
+    } else {
+        decode_block<false>(d, out, count, e, initial_history, limit, history_mult, run_mask);
+    }
 }

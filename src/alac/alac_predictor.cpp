@@ -15,20 +15,14 @@ using alac_arith::add;
 using alac_arith::mul;
 using alac_arith::sub;
 
-// d times its own sign: its magnitude, except that the most negative value stays as it is.
-inline int32_t magnitude(int32_t d) {
-    return d < 0 ? sub(0, d) : d;
-}
-
 // One adaptation step on tap j, whose difference to the oldest sample is d = b[0] − b[n − j]:
 // moves c[j] against the residual e, whose sign is Sign, and returns what is left of e.
-// Written for each sign so that the step is a magnitude.
-template <int Sign>
-inline int32_t adapt_tap(int16_t* c, int j, int n, int q, int32_t d, int32_t e) {
-    c[j] = static_cast<int16_t>(c[j] - Sign * alac_arith::sign_of(d));
-    // d times Sign * sign(d): Sign times its magnitude.
-    const int32_t step = Sign > 0 ? magnitude(d) : sub(0, magnitude(d));
-    return sub(e, mul(step >> q, n - j));
+// d × s is Sign times the magnitude of d: one multiplication, where a magnitude is three steps.
+template <int Sign, typename Coef>
+inline int32_t adapt_tap(Coef* c, int j, int n, int q, int32_t d, int32_t e) {
+    const int s = Sign * alac_arith::sign_of(d);
+    c[j] = static_cast<int16_t>(c[j] - s);
+    return sub(e, mul(mul(d, s) >> q, n - j));
 }
 
 template <int Sign>
@@ -50,44 +44,53 @@ inline uint32_t adapt_in_place(int16_t* c, int n, int q, const int32_t* b, int32
     return change;
 }
 
-// The same for the N coefficients of a fixed order, given the differences d[j] = b[0] − b[N − j].
+// The same for the N coefficients of a fixed order, unrolled.
 template <int Sign, int N>
-inline void adapt_locals(int16_t* c, int q, const int32_t* d, int32_t e) {
+inline void adapt_unrolled(int32_t* c, int q, const int32_t* b, int32_t e) {
+    const int32_t oldest = b[0];
 #pragma GCC unroll 32
     for (int j = N - 1; j >= 0; --j) {
-        e = adapt_tap<Sign>(c, j, N, q, d[j], e);
+        e = adapt_tap<Sign>(c, j, N, q, sub(oldest, b[N - j]), e);
         if (used_up<Sign>(e)) return;
     }
 }
 
-// Samples N + 1 onwards for a short order known at compile time. The coefficients and the
-// differences d[j] = b[0] − b[N − j] live in locals, which the compiler keeps in registers
-// once the loops are unrolled; each difference serves the sum and the adaptation.
+// One sample's adaptation for a short order. The differences are taken from the window again
+// rather than kept from the sum: most adaptations end after a tap or two, and the sum then
+// keeps fewer values alive.
+template <int N>
+inline void adapt_short(int32_t* c, int q, const int32_t* b, int32_t e) {
+    if (e > 0) {
+        adapt_unrolled<1, N>(c, q, b, e);
+    } else {
+        adapt_unrolled<-1, N>(c, q, b, e);
+    }
+}
+
+// Samples N + 1 onwards for a short order known at compile time, the sum unrolled.
 template <int N>
 void predict_short(const int32_t* r, int32_t* out, int count, int wrap, int16_t* coefs, int q) {
-    int16_t c[N];
+    int32_t c[N];  // 16-bit values, held at full width so that the sum needs no widening
     std::copy(coefs, coefs + N, c);
     const uint32_t rounding = q > 0 ? 1u << (q - 1) : 0u;
+    // The newest sample comes from a register: read back from memory, it would add a store's
+    // round trip to the chain that runs from each sample to the next.
+    int32_t newest = out[N];
     for (int i = N + 1; i < count; ++i) {
         const int32_t* b = out + i - N - 1;
         const int32_t e = r[i];
-        int32_t d[N];
         uint32_t minus_sum = 0;  // the sum with the differences taken the other way round
 #pragma GCC unroll 32
         for (int j = 0; j < N; ++j) {
-            d[j] = sub(b[0], b[N - j]);
-            minus_sum += static_cast<uint32_t>(int32_t{c[j]}) * static_cast<uint32_t>(d[j]);
+            const int32_t later = j == 0 ? newest : b[N - j];
+            minus_sum += static_cast<uint32_t>(c[j]) * static_cast<uint32_t>(sub(b[0], later));
         }
         const int32_t p = static_cast<int32_t>(rounding - minus_sum) >> q;
-        const int32_t sample = alac_arith::shl(add(add(p, b[0]), e), wrap) >> wrap;
-        out[i] = sample;
-        if (e > 0) {
-            adapt_locals<1, N>(c, q, d, e);
-        } else if (e < 0) {
-            adapt_locals<-1, N>(c, q, d, e);
-        }
+        newest = alac_arith::shl(add(add(p, b[0]), e), wrap) >> wrap;
+        out[i] = newest;
+        if (e != 0) adapt_short<N>(c, q, b, e);
     }
-    std::copy(c, c + N, coefs);
+    for (int j = 0; j < N; ++j) coefs[j] = static_cast<int16_t>(c[j]);
 }
 
 inline uint32_t tap(const int16_t* c, int j, const int32_t* b, int n) {
