@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Installs what building and testing need on Debian 12, skipping what is already there.
+# Extra package names given as arguments are installed too (the cross-build, packaging and
+# discovery scripts pass theirs).
 set -euo pipefail
 
 packages=(g++ cmake make pkg-config libssl-dev openssl libgtest-dev libgmock-dev googletest
-          libbenchmark-dev busybox iproute2 util-linux curl python3)
+          libbenchmark-dev busybox iproute2 util-linux curl python3 "$@")
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
@@ -12,6 +14,8 @@ if [ ${#missing[@]} -gt 0 ]; then
     sudo=""
     [ "$(id -u)" -eq 0 ] || sudo="sudo"
     echo "installing: ${missing[*]}"
-    $sudo apt-get update -qq
+    # One failing index (a mirror in mid-sync) must not stop the install: what the others
+    # offer is usually enough, and apt-get install says so clearly when it is not.
+    $sudo apt-get update -qq || echo "install-deps.sh: apt-get update reported errors; going on" >&2
     DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}"
 fi
