@@ -74,8 +74,10 @@ Client connect_rtsp() {
     return c;
 }
 
+// The first byte may take seconds: the daemon loads and checks its RSA key for each challenge
+// and stream key, which on the box's ARM (or the ARM build under emulation) is slow.
 std::string recv_rtsp_reply(Client& c) {
-    std::string data = c.recv_some(std::chrono::seconds(8));
+    std::string data = c.recv_some(std::chrono::seconds(30));
     for (std::string more = "x"; !data.empty() && !complete(data) && !more.empty(); data += more)
         more = c.recv_some(std::chrono::milliseconds(300));
     return data;
