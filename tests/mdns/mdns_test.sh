@@ -13,7 +13,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 setup=$(readlink -f "$1")/packaging/zor_airplay_setup
 host=zorbox
 work=/tmp/mdns
-mkdir -p "$work/services" "$work/run"
+mkdir -p "$work/services"
 fail() { echo "FAIL $*"; echo "mdns: 0 passed, 1 failed"; exit 1; }
 
 # The key step: an existing key stays; a missing one is made, 2048 bits.
