@@ -41,4 +41,4 @@ for p in "${paired[@]}"; do
     args+=("$p:amd64=$common" "$p:armhf=$common")
 done
 echo "installing for amd64 and armhf: ${args[*]}"
-DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --allow-downgrades "${args[@]}" "${tools[@]}"
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --allow-downgrades --no-remove "${args[@]}" "${tools[@]}"
