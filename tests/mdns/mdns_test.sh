@@ -24,7 +24,9 @@ rm "$ZOR_RSA_KEY"
     fail "key step made no 2048-bit key"
 
 ZOR_AVAHI_SERVICES_DIR=$work/services "$setup" publish
-ls -A "$work/services" | grep -v '^zor_airplay\(_raop\)\?\.service$' && fail "leftover files in the services directory"
+# Exactly the two files: no temporary name left behind.
+[ "$(LC_ALL=C ls -A "$work/services" | tr '\n' ' ')" = "zor_airplay.service zor_airplay_raop.service " ] ||
+    fail "the services directory holds $(ls -A "$work/services")"
 
 # The sender's own network namespace, holding sender0.
 unshare --net sleep 600 &
