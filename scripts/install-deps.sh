@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Installs what building and testing need on Debian 12, skipping what is already there.
+# Extra package names given as arguments are installed too (the cross-build, packaging and
+# discovery scripts pass theirs).
 set -euo pipefail
 
 packages=(g++ cmake make pkg-config libssl-dev openssl libgtest-dev libgmock-dev googletest
-          libbenchmark-dev busybox iproute2 util-linux curl python3)
+          libbenchmark-dev busybox iproute2 util-linux curl python3 "$@")
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

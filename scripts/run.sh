@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs the daemon in the foreground with player_sim
 # standing in for the box's player; both log to this terminal. Ctrl-C stops both.
-# Needs root: the daemon uses the box's fixed ports and paths (/tmp, /opt/zor/app/airplay).
+# Needs root: the daemon uses the box's fixed ports and paths (/tmp and its key file).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 scripts/build.sh
 
-key=/opt/zor/app/airplay/RAOPKey.rsa
+# The key path is a build setting (ZOR_KEY_FILE); the box's /opt path unless set otherwise.
+key=$(sed -n 's/^ZOR_KEY_FILE:[A-Z]*=//p' build/CMakeCache.txt)
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 if [ ! -f "$key" ]; then

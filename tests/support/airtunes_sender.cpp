@@ -70,8 +70,10 @@ Client connect_rtsp() {
     return connect_from(sender_ip(), env_or("ZOR_ETH0_IP", "192.0.2.10"), 5000);
 }
 
+// The first byte may take seconds: the daemon loads and checks its RSA key for each challenge
+// and stream key, which on the box's ARM (or the ARM build under emulation) is slow.
 std::string recv_rtsp_reply(Client& c) {
-    std::string data = c.recv_some(std::chrono::seconds(8));
+    std::string data = c.recv_some(std::chrono::seconds(30));
     for (std::string more = "x"; !data.empty() && message_length(data) == 0 && !more.empty(); data += more)
         more = c.recv_some(std::chrono::milliseconds(300));
     return data;

@@ -7,7 +7,12 @@
 #include <cstdint>
 #include <memory>
 
-inline constexpr const char kRsaKeyFile[] = "/opt/zor/app/airplay/RAOPKey.rsa";
+// The box keeps its key under /opt; a build for another system (the Debian package) names its
+// own place with the ZOR_KEY_FILE build setting.
+#ifndef ZOR_KEY_FILE
+#define ZOR_KEY_FILE "/opt/zor/app/airplay/RAOPKey.rsa"
+#endif
+inline constexpr const char kRsaKeyFile[] = ZOR_KEY_FILE;
 
 struct evp_pkey_st;  // the library's key object; only tools/decipher looks inside
 struct rsa_key_free {
