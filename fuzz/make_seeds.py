@@ -52,7 +52,7 @@ def alac_frames(name, count):
         pos += 4 + n
     return frames
 
-def rtp(bits, frame, seq, resend=False, length=4096):
+def rtp(bits, frame, seq, resend=False, length=1024):
     fmt = bytes([bits, length >> 8, length & 0xff, 40, 10, 14])  # sample size, length, Rice
     header = struct.pack(">BBHII", 0x80, 0xE0, seq, seq * 4096, 0x12345678)
     prefix = struct.pack(">BBH", 0x80, 0xD6, 1) if resend else b""
@@ -82,7 +82,7 @@ SEEDS = {
            [rtp(16, alac_frames("s16_stereo_verbatim", 1)[0], 1, resend=True),
             rtp(16, alac_frames("s16_mono", 1)[0], 2, length=352),
             rtp(24, alac_frames("s24_stereo", 1)[0], 3),
-            rtp(24, alac_frames("s24_mono", 1)[0], 4),
+            rtp(24, alac_frames("s24_mono", 1)[0], 4, length=0xff00),  # 65536
             rtp(16, alac_frames("s16_stereo_order30", 1)[0], 5)],
     "proxy": [
         http("GET /proxy?url=http://192.0.2.20:8080/video.mp4?sig=abc HTTP/1.1",
