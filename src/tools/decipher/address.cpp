@@ -27,8 +27,8 @@ const char* read_mac_address() {
     std::lock_guard<std::mutex> guard(mac_lock);
     if (have_line) {
         // The first 17 characters of the line; a shorter line leaves a shorter text.
-        std::strncpy(mac_address_text, line, kMacTextLength);
-        mac_address_text[kMacTextLength] = '\0';
+        std::memset(mac_address_text, 0, sizeof(mac_address_text));
+        std::memcpy(mac_address_text, line, strnlen(line, kMacTextLength));
     }
     std::memcpy(copy, mac_address_text, sizeof(copy));
     return copy;
