@@ -317,11 +317,16 @@ void run_loop(const loop_config& cfg) {
 
 bool airplay_serve(net_conn* conn) {
     log_tagged(zor_log::kGreen, "airplay_thread read socket %d\n", conn->sock);
-    if (airplay_dispatch(&g_daemon.session, conn) >= 0) return false;
-    // No event may ever be written to a descriptor number that a later connection reuses.
-    int expected = conn->sock;
+    return airplay_dispatch(&g_daemon.session, conn) < 0;
+}
+
+// No event may ever be written to a descriptor number that a later connection reuses: every
+// way a connection closes forgets it as the reverse connection first.
+void airplay_before_close(int sock) {
+    log_tagged(zor_log::kGreen, "airplay_thread close socket %d\n", sock);
+    std::lock_guard<std::mutex> hold(g_daemon.session.event_lock);
+    int expected = sock;
     g_daemon.session.event_socket.compare_exchange_strong(expected, 0);
-    return true;
 }
 
 // --- port 5000 ---
@@ -353,8 +358,7 @@ void* airplay_thread(void*) {
             },
         .on_accepted =
             [](int sock) { log_tagged(zor_log::kGreen, "airplay_thread new socket %d\n", sock); },
-        .before_close =
-            [](int sock) { log_tagged(zor_log::kGreen, "airplay_thread close socket %d\n", sock); },
+        .before_close = airplay_before_close,
         .on_close_fail =
             [](int sock) { log_tagged(zor_log::kRed, "airplay_thread close fail(%d)\n", sock); },
     };

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 #include "airplay/airplay_replies.h"
 #include "airplay/video/airplay_video.h"
@@ -51,17 +52,17 @@ int send_playback_event_xml(int sock, const char* state) {
 }
 
 int send_event_to_sender(media_session* session, const char* state) {
-    int sock = session->event_socket.load();
-    if (sock == 0) return -1;
-    // The AirPlay loop forgets the socket before it closes it. A duplicate taken while the
-    // number is still registered keeps this very connection open for the write, even if
-    // the loop closes its number and another connection gets it meanwhile.
-    int own = dup(sock);
-    if (own < 0) return -1;
-    if (session->event_socket.load() != sock) {
-        close(own);
-        return -1;
+    // The AirPlay loop forgets the socket under the lock before it closes it. A duplicate
+    // taken under the lock keeps this very connection open for the write, even if the loop
+    // closes its number and another connection gets it meanwhile.
+    int own = -1;
+    {
+        std::lock_guard<std::mutex> hold(session->event_lock);
+        int sock = session->event_socket.load();
+        if (sock == 0) return -1;
+        own = dup(sock);
     }
+    if (own < 0) return -1;
     int written = send_playback_event_xml(own, state);
     close(own);
     return written;
