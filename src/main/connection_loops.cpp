@@ -320,11 +320,11 @@ bool airplay_serve(net_conn* conn) {
     return airplay_dispatch(&g_daemon.session, conn) < 0;
 }
 
-// Every close on port 7000 (a failed request, a broken header block, a missed deadline)
-// forgets the reverse connection first: no event may ever go to a descriptor number that a
-// later connection reuses.
+// No event may ever be written to a descriptor number that a later connection reuses: every
+// way a connection closes forgets it as the reverse connection first.
 void airplay_before_close(int sock) {
     log_tagged(zor_log::kGreen, "airplay_thread close socket %d\n", sock);
+    std::lock_guard<std::mutex> hold(g_daemon.session.event_lock);
     int expected = sock;
     g_daemon.session.event_socket.compare_exchange_strong(expected, 0);
 }

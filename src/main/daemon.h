@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 
 // Bits of media_session::activity_mask.
 inline constexpr uint32_t kActivityVideo = 1;
@@ -31,6 +32,10 @@ struct media_session {
     // The AirPlay sender's reverse connection (0 = none). Written by the AirPlay thread,
     // read by the main loop's monitors when they post events.
     std::atomic<int> event_socket;
+    // Held by the AirPlay thread while it forgets the reverse connection before closing it,
+    // and by an event's sender while it takes its own duplicate: so no duplicate is taken of
+    // a descriptor being closed, or of one that a later connection reuses.
+    std::mutex event_lock;
 };
 
 struct daemon_state {

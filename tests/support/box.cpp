@@ -4,7 +4,23 @@
 
 #include <sstream>
 
+#include <gtest/gtest.h>
+
 namespace zt {
+
+namespace {
+
+// The sanitizer builds' reports in a child's log: the child is stopped by a signal, so its
+// exit status does not always tell, and a report from any of its threads must fail the test.
+void expect_no_sanitizer_report(const char* name, const std::string& log) {
+    for (const char* mark : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:",
+                             "WARNING: ThreadSanitizer"}) {
+        size_t at = log.find(mark);
+        if (at != std::string::npos) ADD_FAILURE() << name << ": " << log.substr(at, 4000);
+    }
+}
+
+}  // namespace
 
 bool Box::start_player(const std::vector<std::string>& options) {
     std::vector<std::string> argv{build_dir() + "/player_sim", "--out", kSimOut};
@@ -27,8 +43,12 @@ int Box::stop_daemon() {
 }
 
 void Box::stop() {
+    bool ran = daemon_.running() || player_.running();
     stop_daemon();
     if (player_.running()) player_.stop(SIGTERM, std::chrono::seconds(5));
+    if (!ran) return;
+    expect_no_sanitizer_report("zor_airplay", daemon_.log());
+    expect_no_sanitizer_report("player_sim", player_.log());
 }
 
 std::vector<PlayerCommand> Box::commands() const {

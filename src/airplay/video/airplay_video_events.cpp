@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 #include "airplay/airplay_replies.h"
 #include "airplay/video/airplay_video.h"
@@ -35,19 +36,22 @@ struct event_outbox {
 event_outbox outbox;
 
 // A descriptor of our own for the reverse connection: the AirPlay loop may close its number
-// at any moment, and another connection may then get it. It forgets event_socket before it
-// closes, so a duplicate taken while event_socket still names the number is this very
-// connection. Closes on destruction.
+// at any moment, and another connection may then get it. The loop forgets event_socket under
+// event_lock before it closes, so a duplicate taken under that lock while event_socket still
+// names the number is this very connection. Closes on destruction.
 struct reverse_handle {
     int sock = 0;  // event_socket's number
     int own = -1;
     ino_t inode = 0;
-    explicit reverse_handle(const media_session* session) {
-        sock = session->event_socket.load();
-        if (sock == 0) return;
-        own = dup(sock);
+    explicit reverse_handle(media_session* session) {
+        {
+            std::lock_guard<std::mutex> hold(session->event_lock);
+            sock = session->event_socket.load();
+            if (sock == 0) return;
+            own = dup(sock);
+        }
         struct stat st {};
-        if (own >= 0 && (fstat(own, &st) != 0 || session->event_socket.load() != sock)) {
+        if (own >= 0 && fstat(own, &st) != 0) {
             close(own);
             own = -1;
         }

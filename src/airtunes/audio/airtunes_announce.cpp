@@ -49,23 +49,9 @@ void store_iv(std::string_view sdp) {
     std::memcpy(airtunes_session.aes_iv.data(), iv.data(), kAesIvStorage);
 }
 
-// The numbers of the value in order, split at blanks; tokens are cut to 9 characters and
-// numbers beyond the twentieth are dropped.
 void store_fmtp(std::string_view sdp) {
-    std::array<char, kAttributeSize> value{};
-    if (!sdp_attribute(sdp, "a=fmtp:", value.data(), value.size())) return;
-    log_plain("src: %s\n", value.data());
     std::array<int, kFmtpCount> fmtp{};
-    std::string_view rest(value.data());
-    for (size_t i = 0; i < fmtp.size(); ++i) {
-        size_t blank = rest.find(' ');
-        std::array<char, kTokenSize> token{};
-        std::string_view piece = rest.substr(0, std::min(blank, kTokenSize - 1));
-        std::memcpy(token.data(), piece.data(), piece.size());
-        fmtp[i] = std::atoi(token.data());
-        if (blank == std::string_view::npos) break;
-        rest.remove_prefix(blank + 1);
-    }
+    if (!sdp_fmtp_values(sdp, &fmtp)) return;
     std::lock_guard<std::mutex> guard(airtunes_session.lock);
     airtunes_session.fmtp = fmtp;
 }
@@ -93,6 +79,23 @@ bool sdp_attribute(std::string_view sdp, std::string_view name, char* out, size_
     value = value.substr(0, capacity - 1);
     std::memset(out, 0, capacity);
     std::memcpy(out, value.data(), value.size());
+    return true;
+}
+
+bool sdp_fmtp_values(std::string_view sdp, std::array<int, kFmtpCount>* fmtp) {
+    std::array<char, kAttributeSize> value{};
+    if (!sdp_attribute(sdp, "a=fmtp:", value.data(), value.size())) return false;
+    log_plain("src: %s\n", value.data());
+    std::string_view rest(value.data());
+    for (size_t i = 0; i < fmtp->size(); ++i) {
+        size_t blank = rest.find(' ');
+        std::array<char, kTokenSize> token{};
+        std::string_view piece = rest.substr(0, std::min(blank, kTokenSize - 1));
+        std::memcpy(token.data(), piece.data(), piece.size());
+        (*fmtp)[i] = std::atoi(token.data());
+        if (blank == std::string_view::npos) break;
+        rest.remove_prefix(blank + 1);
+    }
     return true;
 }
 

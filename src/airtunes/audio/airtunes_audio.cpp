@@ -25,23 +25,12 @@ constexpr int kRunningWaitStepMs = 10;
 // The exchange of the audio poll and the player start; main thread only.
 net_exchange audio_exchange;
 
-// The state named in a reply that carries "<returnValue>0<"; a later test overrides an
-// earlier one, and none matching keeps the last state.
-int status_from_reply(const char* body, int last) {
-    if (std::strstr(body, "<returnValue>0<") == nullptr) return kAudioStopped;
-    int status = last;
-    if (std::strstr(body, "<currentStatus>play<") != nullptr) status = kAudioPlaying;
-    if (std::strstr(body, "<currentStatus>unknown<") != nullptr) status = kAudioUnknown;
-    if (std::strstr(body, "<currentStatus>buffering<") != nullptr) status = kAudioBuffering;
-    return status;
-}
-
 void poll_player_status() {
     net_exchange* x = &audio_exchange;
     player_command(x, kAodInfo);
     // No reply at all leaves the state as it was.
     if (x->player_reply.body[0] != '\0')
-        audio_status.store(status_from_reply(x->player_reply.body, audio_status.load()));
+        audio_status.store(airtunes_status_from_reply(x->player_reply.body, audio_status.load()));
 }
 
 void run_pending_start() {
@@ -64,6 +53,15 @@ void run_pending_start() {
 }
 
 }  // namespace
+
+int airtunes_status_from_reply(const char* body, int last) {
+    if (std::strstr(body, "<returnValue>0<") == nullptr) return kAudioStopped;
+    int status = last;
+    if (std::strstr(body, "<currentStatus>play<") != nullptr) status = kAudioPlaying;
+    if (std::strstr(body, "<currentStatus>unknown<") != nullptr) status = kAudioUnknown;
+    if (std::strstr(body, "<currentStatus>buffering<") != nullptr) status = kAudioBuffering;
+    return status;
+}
 
 int airtunes_start_player() {
     pollfd stop{get_stop_fd(), POLLIN, 0};

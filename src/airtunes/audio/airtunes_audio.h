@@ -67,3 +67,7 @@ int airtunes_start_player();
 // stream is active, starts the player when RECORD asked for it, and returns audio_status
 // (1 buffering, 2 playing, 4 stopped, 5 unknown).
 int airtunes_audio_status();
+
+// The audio state a player reply names (body: NUL-terminated), last when it names none:
+// kAudioStopped without "<returnValue>0<"; a later test overrides an earlier one.
+int airtunes_status_from_reply(const char* body, int last);

@@ -3,10 +3,12 @@
 // and append their reply lines to x->reply.head (and x->reply.body), never past kTextSize.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
+#include "airtunes/audio/airtunes_session.h"
 #include "main/daemon.h"
 #include "tools/utils/conn.h"
 #include "tools/utils/request.h"
@@ -62,6 +64,11 @@ int airtunes_reply_announce(net_conn* conn, int read_count, net_exchange* x);
 // CR LF or the end of sdp, copied NUL-terminated into out and cut to capacity - 1. Returns
 // false (out untouched) when sdp holds no such attribute.
 bool sdp_attribute(std::string_view sdp, std::string_view name, char* out, size_t capacity);
+
+// The numbers of sdp's "a=fmtp:" value in order into fmtp (zeroed by the caller), split at
+// blanks; tokens are cut to 9 characters and numbers beyond the twentieth are dropped.
+// Returns false (fmtp untouched) when sdp has no such attribute.
+bool sdp_fmtp_values(std::string_view sdp, std::array<int, kFmtpCount>* fmtp);
 
 // --- SETUP, RECORD, TEARDOWN, key-stop (airtunes_setup.cpp) ---
 
