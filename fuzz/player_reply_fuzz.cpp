@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     static video_status_record status;
     airplay_video_parse_info(x.player_reply.body, &status);
-    if (status.status.load() < 0 || status.status.load() > 4) __builtin_trap();
+    if (status.status < 0 || status.status > 4) __builtin_trap();
     int audio = airtunes_status_from_reply(x.player_reply.body, 4);
     if (audio < 1 || audio > 5) __builtin_trap();
     player_command_ok(&x);
