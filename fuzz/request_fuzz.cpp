@@ -1,14 +1,11 @@
 // Request reading as both dispatchers do it: header blocks, bodies (read whole, as ANNOUNCE
 // and SET_PARAMETER do, or left to be dropped) and pipelined requests, from a socket pair
 // whose other end has sent the input and closed.
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
 
 #include "airtunes/audio/airtunes_rtsp.h"
-#include "tools/utils/conn.h"
+#include "fuzz_connection.h"
 
 namespace {
 // More than a connection holds, little enough for the socket pair to buffer unread.
@@ -17,14 +14,11 @@ constexpr int kMaxRequests = 16;
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    int fds[2];
-    if (size > kInputLimit || socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0)
-        return 0;
-    if (size > 0 && send(fds[1], data, size, MSG_DONTWAIT) < 0) __builtin_trap();
-    shutdown(fds[1], SHUT_WR);
+    if (size > kInputLimit) return 0;
+    fuzz_connection peer(data, size);
+    if (!peer.ok()) return 0;
     static net_exchange x;
-    net_conn conn;
-    conn_open(&conn, fds[0], 0);
+    net_conn& conn = peer.conn;
     for (int i = 0; i < kMaxRequests; ++i) {
         net_exchange_clear(&x);
         int n = read_request(&conn, &x.request);
@@ -34,13 +28,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         rtsp_get_cseq(x.request.head);
         // Every other request has its body read whole; the rest leave it to be dropped.
         body_buffer body;
-        if (i % 2 == 0 &&
-            airtunes_read_body(&conn, n, &x, kAnnounceBodyCap, &body) == kBodyOk &&
+        if (i % 2 == 0 && airtunes_read_body(&conn, n, &x, kAnnounceBodyCap, &body) == kBodyOk &&
             body.data()[body.size()] != '\0')
             __builtin_trap();
         if (!conn_finish_request(&conn)) break;
     }
-    close(fds[0]);
-    close(fds[1]);
     return 0;
 }
