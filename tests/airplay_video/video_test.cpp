@@ -192,7 +192,10 @@ TEST_F(VideoPlay, RequestsToPlayerCommands) {
         for (const auto& s : sent) names.push_back(s.name);
         EXPECT_EQ(names, c.sent);
         if (sent.empty()) continue;
-        EXPECT_GE(sent[0].time_ms - last, c.min_wait);
+        // A command meant to go at once may reach the player before the reply reaches us.
+        if (c.min_wait > 0) {
+            EXPECT_GE(sent[0].time_ms - last, c.min_wait);
+        }
         EXPECT_EQ(c.seek.empty() ? "" : sent[0].target, c.seek.empty() ? "" : kSeek + c.seek);
     }
     EXPECT_TRUE(box_.wait_log("\nsending seek singular command\n"));
