@@ -32,8 +32,10 @@ TEST(AddHeaderLine, InsertsBeforeTheBlankLineWithinTheBuffer) {
 
 TEST(ProxyUrl, SplitsAndEnforcesLimits) {
     proxy_url url;
+    std::string request;  // url's views point into it
     auto parse = [&](const std::string& rest) {
-        return proxy_parse_url("GET /proxy?url=http://" + rest + "\r\nHost: x:80/y\r\n\r\n", &url);
+        request = "GET /proxy?url=http://" + rest + "\r\nHost: x:80/y\r\n\r\n";
+        return proxy_parse_url(request, &url);
     };
     ASSERT_EQ(parse("media.example:8080/v/a.mp4?s=1 HTTP/1.1"), kProxyUrlOk);
     EXPECT_EQ(url.host, "media.example");
