@@ -55,6 +55,17 @@ inline void adapt_unrolled(int32_t* c, int q, const int32_t* b, int32_t e) {
     }
 }
 
+// Samples wrap to the read size (1..32 bits) by an offset and a mask rather than a shift
+// pair: the shifts would compete with the quantisation shift for the one shift-count
+// register some targets have.
+struct sample_wrap {
+    uint32_t offset;  // half the range
+    uint32_t mask;    // the range, less one
+    int32_t operator()(int32_t x) const {
+        return static_cast<int32_t>(((static_cast<uint32_t>(x) + offset) & mask) - offset);
+    }
+};
+
 // One sample's adaptation for a short order. The differences are taken from the window again
 // rather than kept from the sum: most adaptations end after a tap or two, and the sum then
 // keeps fewer values alive.
@@ -69,7 +80,8 @@ inline void adapt_short(int32_t* c, int q, const int32_t* b, int32_t e) {
 
 // Samples N + 1 onwards for a short order known at compile time, the sum unrolled.
 template <int N>
-void predict_short(const int32_t* r, int32_t* out, int count, int wrap, int16_t* coefs, int q) {
+void predict_short(const int32_t* r, int32_t* out, int count, sample_wrap wrap, int16_t* coefs,
+                   int q) {
     int32_t c[N];  // 16-bit values, held at full width so that the sum needs no widening
     std::copy(coefs, coefs + N, c);
     const uint32_t rounding = q > 0 ? 1u << (q - 1) : 0u;
@@ -86,7 +98,7 @@ void predict_short(const int32_t* r, int32_t* out, int count, int wrap, int16_t*
             minus_sum += static_cast<uint32_t>(c[j]) * static_cast<uint32_t>(sub(b[0], later));
         }
         const int32_t p = static_cast<int32_t>(rounding - minus_sum) >> q;
-        newest = alac_arith::shl(add(add(p, b[0]), e), wrap) >> wrap;
+        newest = wrap(add(add(p, b[0]), e));
         out[i] = newest;
         if (e != 0) adapt_short<N>(c, q, b, e);
     }
@@ -168,11 +180,14 @@ void fir_adaptive_reconstruct(const int32_t* r, int32_t* out, int count, int rea
     const int wrap = 32 - std::min(read_size, 32);
     // The short orders encoders use most get loops of their own, the longest predictor there
     // is (31 stands for none) an unrolled sum.
-    using short_predictor = void (*)(const int32_t*, int32_t*, int, int, int16_t*, int);
+    using short_predictor = void (*)(const int32_t*, int32_t*, int, sample_wrap, int16_t*, int);
     static constexpr short_predictor kShort[] = {
         nullptr,          predict_short<1>, predict_short<2>, predict_short<3>, predict_short<4>,
         predict_short<5>, predict_short<6>, predict_short<7>, predict_short<8>};
-    if (n > 0 && n <= 8) return kShort[n](r, out, count, wrap, c, q);
+    if (n > 0 && n <= 8) {
+        const int bits = std::min(read_size, 32);
+        return kShort[n](r, out, count, {1u << (bits - 1), alac_arith::low_mask(bits)}, c, q);
+    }
     if (n == 30) return predict_long<30>(r, out, count, wrap, -1, c, n, q);
     predict_long<0>(r, out, count, wrap, -1, c, n, q);
 }
