@@ -1,5 +1,6 @@
 // Bit reader and adaptive Rice (Golomb) decoding of prediction residuals.
 #include <algorithm>
+#include <array>
 #include <bit>
 
 #include "alac/alac.h"
@@ -90,6 +91,11 @@ inline int32_t unfold_small(uint32_t v) {
     return static_cast<int32_t>((v >> 1) ^ (0u - (v & 1u)));
 }
 
+// The low k bits set, for k = 0..16.
+constexpr std::array<uint32_t, 17> kLowMask = {0x0,    0x1,    0x3,    0x7,    0xF,   0x1F,
+                                               0x3F,   0x7F,   0xFF,   0x1FF,  0x3FF, 0x7FF,
+                                               0xFFF,  0x1FFF, 0x3FFF, 0x7FFF, 0xFFFF};
+
 // rice_read_value from one peek, for the common cases: a prefix of at most 8 ones with
 // 1 <= k <= 16 (the prefix, its zero and the k extra bits make at most 25 bits), or an escape
 // of 1 <= e <= 25 bits. Returns false, having read nothing, for any other value. A caller that
@@ -108,15 +114,15 @@ inline bool read_value_fast(alac_bits::cursor* c, int e, int k, uint32_t m, uint
     // With k = 1 the value is the count of ones, which the general case below gives too (one
     // extra bit, always given back) unless the mask clears bit 0.
     if (k == 1 && (m & 1u) == 0) return false;
-    const int x = std::countl_zero(~window);  // below 9: the window has a zero in its top 9
-    // The terminating zero and the k bits after it, as one number, are the extra bits.
-    const uint32_t extra = (window << x) >> (31 - k);
-    // x × ((2^k − 1) & m); residuals have m all ones, where that is a shift and a subtraction.
-    const uint32_t ones = static_cast<uint32_t>(x);
-    const uint32_t scaled = m == 0xFFFFFFFFu ? (ones << k) - ones : ones * (((1u << k) - 1) & m);
+    // The terminating zero is bit z of the window (z >= 23: the window has a zero in its top
+    // 9); the k bits below it are the extra bits.
+    const int z = 31 ^ std::countl_zero(~window);
+    const uint32_t mask = kLowMask[k];
+    const uint32_t extra = (window >> (z - k)) & mask;
+    const uint32_t ones = static_cast<uint32_t>(31 - z);
     // Extra values 0 and 1 are coded in k - 1 bits: the last bit belongs to the next value.
-    *value = scaled + std::max(extra, 1u) - 1;
-    c->bit += static_cast<unsigned>(x + k) + (extra > 1);
+    *value = ones * (mask & m) + extra - (extra != 0);
+    c->bit += ones + static_cast<unsigned>(k) + (extra > 1);
     return true;
 }
 

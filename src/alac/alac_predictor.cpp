@@ -66,6 +66,13 @@ struct sample_wrap {
     }
 };
 
+// The same for a read size known at compile time: the 17 bits of 16-bit stereo, by far the
+// commonest stream, wrap by a shift pair of constant count.
+template <int Bits>
+struct fixed_wrap {
+    int32_t operator()(int32_t x) const { return alac_arith::shl(x, 32 - Bits) >> (32 - Bits); }
+};
+
 // One sample's adaptation for a short order. The differences are taken from the window again
 // rather than kept from the sum: most adaptations end after a tap or two, and the sum then
 // keeps fewer values alive.
@@ -79,9 +86,8 @@ inline void adapt_short(int32_t* c, int q, const int32_t* b, int32_t e) {
 }
 
 // Samples N + 1 onwards for a short order known at compile time, the sum unrolled.
-template <int N>
-void predict_short(const int32_t* r, int32_t* out, int count, sample_wrap wrap, int16_t* coefs,
-                   int q) {
+template <int N, typename Wrap>
+void predict_short(const int32_t* r, int32_t* out, int count, Wrap wrap, int16_t* coefs, int q) {
     int32_t c[N];  // 16-bit values, held at full width so that the sum needs no widening
     std::copy(coefs, coefs + N, c);
     const uint32_t rounding = q > 0 ? 1u << (q - 1) : 0u;
@@ -156,6 +162,18 @@ void predict_long(const int32_t* r, int32_t* out, int count, int wrap, int32_t k
     }
 }
 
+// predict_short for order n, 1..8.
+template <typename Wrap>
+void predict_short_order(const int32_t* r, int32_t* out, int count, Wrap wrap, int16_t* c, int n,
+                         int q) {
+    using short_predictor = void (*)(const int32_t*, int32_t*, int, Wrap, int16_t*, int);
+    static constexpr short_predictor kShort[] = {
+        predict_short<1, Wrap>, predict_short<2, Wrap>, predict_short<3, Wrap>,
+        predict_short<4, Wrap>, predict_short<5, Wrap>, predict_short<6, Wrap>,
+        predict_short<7, Wrap>, predict_short<8, Wrap>};
+    kShort[n - 1](r, out, count, wrap, c, q);
+}
+
 }  // namespace
 
 void fir_adaptive_reconstruct(const int32_t* r, int32_t* out, int count, int read_size, int16_t* c,
@@ -180,13 +198,11 @@ void fir_adaptive_reconstruct(const int32_t* r, int32_t* out, int count, int rea
     const int wrap = 32 - std::min(read_size, 32);
     // The short orders encoders use most get loops of their own, the longest predictor there
     // is (31 stands for none) an unrolled sum.
-    using short_predictor = void (*)(const int32_t*, int32_t*, int, sample_wrap, int16_t*, int);
-    static constexpr short_predictor kShort[] = {
-        nullptr,          predict_short<1>, predict_short<2>, predict_short<3>, predict_short<4>,
-        predict_short<5>, predict_short<6>, predict_short<7>, predict_short<8>};
     if (n > 0 && n <= 8) {
+        if (read_size == 17) return predict_short_order(r, out, count, fixed_wrap<17>{}, c, n, q);
         const int bits = std::min(read_size, 32);
-        return kShort[n](r, out, count, {1u << (bits - 1), alac_arith::low_mask(bits)}, c, q);
+        const sample_wrap wrap_bits{1u << (bits - 1), alac_arith::low_mask(bits)};
+        return predict_short_order(r, out, count, wrap_bits, c, n, q);
     }
     if (n == 30) return predict_long<30>(r, out, count, wrap, -1, c, n, q);
     predict_long<0>(r, out, count, wrap, -1, c, n, q);
