@@ -110,11 +110,19 @@ void read_verbatim(alac_decoder* d, int count, bool stereo) {
         }
         return;
     }
-    const int width = depth <= 16 ? depth : 24;  // the bit that becomes the sign, plus one
     alac_bits::cursor c = alac_bits::cursor_of(d);
-    for (int i = 0; i < count; ++i) {
-        a[i] = sign_extend(static_cast<int32_t>(alac_bits::take(&c, depth)), width);
-        if (stereo) b[i] = sign_extend(static_cast<int32_t>(alac_bits::take(&c, depth)), width);
+    if (depth == 16 && stereo) {
+        // The commonest case, where the sign extension is a conversion.
+        for (int i = 0; i < count; ++i) {
+            a[i] = static_cast<int16_t>(alac_bits::take(&c, 16));
+            b[i] = static_cast<int16_t>(alac_bits::take(&c, 16));
+        }
+    } else {
+        const int width = depth <= 16 ? depth : 24;  // the bit that becomes the sign, plus one
+        for (int i = 0; i < count; ++i) {
+            a[i] = sign_extend(static_cast<int32_t>(alac_bits::take(&c, depth)), width);
+            if (stereo) b[i] = sign_extend(static_cast<int32_t>(alac_bits::take(&c, depth)), width);
+        }
     }
     alac_bits::hand_back(d, c);
 }

@@ -46,7 +46,7 @@ inline uint32_t adapt_in_place(int16_t* c, int n, int q, const int32_t* b, int32
 
 // The same for the N coefficients of a fixed order, unrolled.
 template <int Sign, int N>
-inline void adapt_unrolled(int32_t* c, int q, const int32_t* b, int32_t e) {
+inline void adapt_unrolled(int16_t* c, int q, const int32_t* b, int32_t e) {
     const int32_t oldest = b[0];
 #pragma GCC unroll 32
     for (int j = N - 1; j >= 0; --j) {
@@ -77,7 +77,7 @@ struct fixed_wrap {
 // rather than kept from the sum: most adaptations end after a tap or two, and the sum then
 // keeps fewer values alive.
 template <int N>
-inline void adapt_short(int32_t* c, int q, const int32_t* b, int32_t e) {
+inline void adapt_short(int16_t* c, int q, const int32_t* b, int32_t e) {
     if (e > 0) {
         adapt_unrolled<1, N>(c, q, b, e);
     } else {
@@ -87,9 +87,7 @@ inline void adapt_short(int32_t* c, int q, const int32_t* b, int32_t e) {
 
 // Samples N + 1 onwards for a short order known at compile time, the sum unrolled.
 template <int N, typename Wrap>
-void predict_short(const int32_t* r, int32_t* out, int count, Wrap wrap, int16_t* coefs, int q) {
-    int32_t c[N];  // 16-bit values, held at full width so that the sum needs no widening
-    std::copy(coefs, coefs + N, c);
+void predict_short(const int32_t* r, int32_t* out, int count, Wrap wrap, int16_t* c, int q) {
     const uint32_t rounding = q > 0 ? 1u << (q - 1) : 0u;
     // The newest sample comes from a register: read back from memory, it would add a store's
     // round trip to the chain that runs from each sample to the next.
@@ -108,7 +106,6 @@ void predict_short(const int32_t* r, int32_t* out, int count, Wrap wrap, int16_t
         out[i] = newest;
         if (e != 0) adapt_short<N>(c, q, b, e);
     }
-    for (int j = 0; j < N; ++j) coefs[j] = static_cast<int16_t>(c[j]);
 }
 
 inline uint32_t tap(const int16_t* c, int j, const int32_t* b, int n) {
