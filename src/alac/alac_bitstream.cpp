@@ -80,6 +80,12 @@ inline int residual_parameter(int32_t history, int limit) {
     return std::min(31 ^ std::countl_zero(base | 1u), limit);  // 31 - clz, as one bit scan
 }
 
+// The same where history is known not to be negative, so that the base is at least 3.
+inline int residual_parameter_from_zero(int32_t history, int limit) {
+    const uint32_t base = static_cast<uint32_t>(history >> 9) + 3;
+    return std::min(31 ^ std::countl_zero(base), limit);
+}
+
 // Zero residual v = 0, 1, 2, 3, 4 ... maps to 0, -1, 1, -2, 2 ...
 inline int32_t unfold(int32_t v) {
     const int32_t half = alac_arith::add(v, 1) / 2;
@@ -157,26 +163,28 @@ void decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_h
     using namespace alac_arith;
     alac_bits::cursor c = alac_bits::cursor_of(d);
     int32_t history = initial_history;
-    uint32_t sign_modifier = 0;
-    int32_t* const end = out + std::max(count, 0);
-    for (int32_t* o = out; o < end; ++o) {
-        const int k = residual_parameter(history, limit);
+    // Residual *o; modifier is 1 for the value after a run shorter than 65536, else 0.
+    const auto residual = [&](int32_t* o, uint32_t modifier) {
+        const int k = KInRange ? residual_parameter_from_zero(history, limit)
+                               : residual_parameter(history, limit);
         uint32_t value;
         int32_t v;
         if (read_value_fast<KInRange>(&c, e, k, 0xFFFFFFFFu, &value)) [[likely]] {
-            v = static_cast<int32_t>(value + sign_modifier);  // below 2^25 + 1
+            v = static_cast<int32_t>(value + modifier);  // below 2^25 + 1
             *o = unfold_small(static_cast<uint32_t>(v));
         } else {
             const read_result r = read_value_slowly(d, c, e, k, 0xFFFFFFFFu);
             c.bit = r.bit;
-            v = add(r.value, static_cast<int32_t>(sign_modifier));
+            v = add(r.value, static_cast<int32_t>(modifier));
             *o = unfold(v);
         }
-        sign_modifier = 0;
         history = sub(add(history, mul(v, history_mult)), mul(history, history_mult) >> 9);
         if (v > 0xFFFF) history = 0xFFFF;
-
-        if (history < 128 && end - o > 1) [[unlikely]] {
+    };
+    int32_t* const end = out + std::max(count, 0);
+    for (int32_t* o = out; o < end; ++o) {
+        residual(o, 0);
+        while (history < 128 && end - o > 1) [[unlikely]] {
             // Quiet passage: a count of zero residuals follows.
             const read_result r = read_run(d, c, history, run_mask);
             c.bit = r.bit;
@@ -185,8 +193,10 @@ void decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_h
                 const int32_t* last = o + std::min<ptrdiff_t>(run, end - o - 1);
                 for (; o < last;) *++o = 0;
             }
-            sign_modifier = run > 0xFFFF ? 0 : 1;
             history = 0;
+            if (run > 0xFFFF || end - o < 2) break;
+            ++o;
+            residual(o, 1);
         }
     }
     alac_bits::hand_back(d, c);
