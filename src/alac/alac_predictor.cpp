@@ -86,7 +86,7 @@ inline void adapt_short(int16_t* c, int q, const int32_t* b, int32_t e) {
 }
 
 // Samples N + 1 onwards for a short order known at compile time, the sum unrolled.
-template <int N, typename Wrap>
+template <int N, typename Wrap, bool InPlace = false>
 void predict_short(const int32_t* r, int32_t* out, int count, Wrap wrap, int16_t* c, int q) {
     const uint32_t rounding = q > 0 ? 1u << (q - 1) : 0u;
     // The newest sample comes from a register: read back from memory, it would add a store's
@@ -94,7 +94,8 @@ void predict_short(const int32_t* r, int32_t* out, int count, Wrap wrap, int16_t
     int32_t newest = out[N];
     for (int i = N + 1; i < count; ++i) {
         const int32_t* b = out + i - N - 1;
-        const int32_t e = r[i];
+        // In place, the residual is read where its sample goes: one pointer fewer to step.
+        const int32_t e = InPlace ? b[N + 1] : r[i];
         uint32_t minus_sum = 0;  // the sum with the differences taken the other way round
 #pragma GCC unroll 32
         for (int j = 0; j < N; ++j) {
@@ -160,14 +161,15 @@ void predict_long(const int32_t* r, int32_t* out, int count, int wrap, int32_t k
 }
 
 // predict_short for order n, 1..8.
-template <typename Wrap>
+template <typename Wrap, bool InPlace = false>
 void predict_short_order(const int32_t* r, int32_t* out, int count, Wrap wrap, int16_t* c, int n,
                          int q) {
     using short_predictor = void (*)(const int32_t*, int32_t*, int, Wrap, int16_t*, int);
     static constexpr short_predictor kShort[] = {
-        predict_short<1, Wrap>, predict_short<2, Wrap>, predict_short<3, Wrap>,
-        predict_short<4, Wrap>, predict_short<5, Wrap>, predict_short<6, Wrap>,
-        predict_short<7, Wrap>, predict_short<8, Wrap>};
+        predict_short<1, Wrap, InPlace>, predict_short<2, Wrap, InPlace>,
+        predict_short<3, Wrap, InPlace>, predict_short<4, Wrap, InPlace>,
+        predict_short<5, Wrap, InPlace>, predict_short<6, Wrap, InPlace>,
+        predict_short<7, Wrap, InPlace>, predict_short<8, Wrap, InPlace>};
     kShort[n - 1](r, out, count, wrap, c, q);
 }
 
@@ -179,7 +181,7 @@ void fir_adaptive_reconstruct(const int32_t* r, int32_t* out, int count, int rea
     if (count <= 0) return;
     out[0] = r[0];
     if (n == 0) {
-        std::copy(r + 1, r + count, out + 1);
+        if (r != out) std::copy(r + 1, r + count, out + 1);
         return;
     }
     // Order 31 is no predictor at all but a plain integrator; other orders warm up the same way
@@ -196,6 +198,9 @@ void fir_adaptive_reconstruct(const int32_t* r, int32_t* out, int count, int rea
     // The short orders encoders use most get loops of their own, the longest predictor there
     // is (31 stands for none) an unrolled sum.
     if (n > 0 && n <= 8) {
+        if (read_size == 17 && r == out) {
+            return predict_short_order<fixed_wrap<17>, true>(r, out, count, {}, c, n, q);
+        }
         if (read_size == 17) return predict_short_order(r, out, count, fixed_wrap<17>{}, c, n, q);
         const int bits = std::min(read_size, 32);
         const sample_wrap wrap_bits{1u << (bits - 1), alac_arith::low_mask(bits)};
