@@ -148,7 +148,7 @@ struct read_result {
 }
 
 // The count of a run of zero residuals, read after history fell below 128.
-[[gnu::noinline]] read_result read_run(alac_decoder* d, alac_bits::cursor c, int32_t history,
+inline read_result read_run(alac_decoder* d, alac_bits::cursor c, int32_t history,
                                        uint32_t run_mask) {
     const int k = std::countl_zero(static_cast<uint32_t>(history)) + (history + 16) / 64 - 24;
     uint32_t value;
