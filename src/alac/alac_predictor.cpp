@@ -198,10 +198,10 @@ void fir_adaptive_reconstruct(const int32_t* r, int32_t* out, int count, int rea
     // The short orders encoders use most get loops of their own, the longest predictor there
     // is (31 stands for none) an unrolled sum.
     if (n > 0 && n <= 8) {
+        // The decoder's own path: 16-bit stereo, rebuilt in place.
         if (read_size == 17 && r == out) {
             return predict_short_order<fixed_wrap<17>, true>(r, out, count, {}, c, n, q);
         }
-        if (read_size == 17) return predict_short_order(r, out, count, fixed_wrap<17>{}, c, n, q);
         const int bits = std::min(read_size, 32);
         const sample_wrap wrap_bits{1u << (bits - 1), alac_arith::low_mask(bits)};
         return predict_short_order(r, out, count, wrap_bits, c, n, q);
