@@ -93,7 +93,8 @@ void rice_decode_block(alac_decoder* decoder, int32_t* out, int count, int e, in
 
 // Rebuilds count samples into out from residuals r with the adaptive FIR predictor of n
 // coefficients c (0..31, adapted in place) and quantisation shift q (0..15); samples wrap
-// to read_size bits. Writes out[0..count-1] only; nothing when count <= 0.
+// to read_size bits. Writes out[0..count-1] only; nothing when count <= 0. r may be out itself
+// (each residual is read before its sample is written), which is the faster way.
 void fir_adaptive_reconstruct(const int32_t* r, int32_t* out, int count, int read_size, int16_t* c,
                               int n, int q);
 

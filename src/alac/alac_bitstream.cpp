@@ -1,5 +1,6 @@
 // Bit reader and adaptive Rice (Golomb) decoding of prediction residuals.
 #include <algorithm>
+#include <array>
 #include <bit>
 
 #include "alac/alac.h"
@@ -79,6 +80,12 @@ inline int residual_parameter(int32_t history, int limit) {
     return std::min(31 ^ std::countl_zero(base | 1u), limit);  // 31 - clz, as one bit scan
 }
 
+// The same where history is known not to be negative, so that the base is at least 3.
+inline int residual_parameter_from_zero(int32_t history, int limit) {
+    const uint32_t base = static_cast<uint32_t>(history >> 9) + 3;
+    return std::min(31 ^ std::countl_zero(base), limit);
+}
+
 // Zero residual v = 0, 1, 2, 3, 4 ... maps to 0, -1, 1, -2, 2 ...
 inline int32_t unfold(int32_t v) {
     const int32_t half = alac_arith::add(v, 1) / 2;
@@ -89,6 +96,11 @@ inline int32_t unfold(int32_t v) {
 inline int32_t unfold_small(uint32_t v) {
     return static_cast<int32_t>((v >> 1) ^ (0u - (v & 1u)));
 }
+
+// The low k bits set, for k = 0..16.
+constexpr std::array<uint32_t, 17> kLowMask = {0x0,    0x1,    0x3,    0x7,    0xF,   0x1F,
+                                               0x3F,   0x7F,   0xFF,   0x1FF,  0x3FF, 0x7FF,
+                                               0xFFF,  0x1FFF, 0x3FFF, 0x7FFF, 0xFFFF};
 
 // rice_read_value from one peek, for the common cases: a prefix of at most 8 ones with
 // 1 <= k <= 16 (the prefix, its zero and the k extra bits make at most 25 bits), or an escape
@@ -108,15 +120,15 @@ inline bool read_value_fast(alac_bits::cursor* c, int e, int k, uint32_t m, uint
     // With k = 1 the value is the count of ones, which the general case below gives too (one
     // extra bit, always given back) unless the mask clears bit 0.
     if (k == 1 && (m & 1u) == 0) return false;
-    const int x = std::countl_zero(~window);  // below 9: the window has a zero in its top 9
-    // The terminating zero and the k bits after it, as one number, are the extra bits.
-    const uint32_t extra = (window << x) >> (31 - k);
-    // x × ((2^k − 1) & m); residuals have m all ones, where that is a shift and a subtraction.
-    const uint32_t ones = static_cast<uint32_t>(x);
-    const uint32_t scaled = m == 0xFFFFFFFFu ? (ones << k) - ones : ones * (((1u << k) - 1) & m);
+    // The terminating zero is bit z of the window (z >= 23: the window has a zero in its top
+    // 9); the k bits below it are the extra bits.
+    const int z = 31 ^ std::countl_zero(~window);
+    const uint32_t mask = kLowMask[k];
+    const uint32_t extra = (window >> (z - k)) & mask;
+    const uint32_t ones = static_cast<uint32_t>(31 - z);
     // Extra values 0 and 1 are coded in k - 1 bits: the last bit belongs to the next value.
-    *value = scaled + std::max(extra, 1u) - 1;
-    c->bit += static_cast<unsigned>(x + k) + (extra > 1);
+    *value = ones * (mask & m) + extra - (extra != 0);
+    c->bit += ones + static_cast<unsigned>(k) + (extra > 1);
     return true;
 }
 
@@ -136,7 +148,7 @@ struct read_result {
 }
 
 // The count of a run of zero residuals, read after history fell below 128.
-[[gnu::noinline]] read_result read_run(alac_decoder* d, alac_bits::cursor c, int32_t history,
+inline read_result read_run(alac_decoder* d, alac_bits::cursor c, int32_t history,
                                        uint32_t run_mask) {
     const int k = std::countl_zero(static_cast<uint32_t>(history)) + (history + 16) / 64 - 24;
     uint32_t value;
@@ -151,26 +163,28 @@ void decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_h
     using namespace alac_arith;
     alac_bits::cursor c = alac_bits::cursor_of(d);
     int32_t history = initial_history;
-    uint32_t sign_modifier = 0;
-    int32_t* const end = out + std::max(count, 0);
-    for (int32_t* o = out; o < end; ++o) {
-        const int k = residual_parameter(history, limit);
+    // Residual *o; modifier is 1 for the value after a run shorter than 65536, else 0.
+    const auto residual = [&](int32_t* o, uint32_t modifier) {
+        const int k = KInRange ? residual_parameter_from_zero(history, limit)
+                               : residual_parameter(history, limit);
         uint32_t value;
         int32_t v;
         if (read_value_fast<KInRange>(&c, e, k, 0xFFFFFFFFu, &value)) [[likely]] {
-            v = static_cast<int32_t>(value + sign_modifier);  // below 2^25 + 1
+            v = static_cast<int32_t>(value + modifier);  // below 2^25 + 1
             *o = unfold_small(static_cast<uint32_t>(v));
         } else {
             const read_result r = read_value_slowly(d, c, e, k, 0xFFFFFFFFu);
             c.bit = r.bit;
-            v = add(r.value, static_cast<int32_t>(sign_modifier));
+            v = add(r.value, static_cast<int32_t>(modifier));
             *o = unfold(v);
         }
-        sign_modifier = 0;
         history = sub(add(history, mul(v, history_mult)), mul(history, history_mult) >> 9);
         if (v > 0xFFFF) history = 0xFFFF;
-
-        if (history < 128 && end - o > 1) [[unlikely]] {
+    };
+    int32_t* const end = out + std::max(count, 0);
+    for (int32_t* o = out; o < end; ++o) {
+        residual(o, 0);
+        while (history < 128 && end - o > 1) [[unlikely]] {
             // Quiet passage: a count of zero residuals follows.
             const read_result r = read_run(d, c, history, run_mask);
             c.bit = r.bit;
@@ -179,8 +193,10 @@ void decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_h
                 const int32_t* last = o + std::min<ptrdiff_t>(run, end - o - 1);
                 for (; o < last;) *++o = 0;
             }
-            sign_modifier = run > 0xFFFF ? 0 : 1;
             history = 0;
+            if (run > 0xFFFF || end - o < 2) break;
+            ++o;
+            residual(o, 1);
         }
     }
     alac_bits::hand_back(d, c);

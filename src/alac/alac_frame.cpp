@@ -61,10 +61,14 @@ void read_channel_params(alac_decoder* d, channel_params* p) {
 void decode_channel(alac_decoder* d, channel_params* p, std::vector<int32_t>* error,
                     std::vector<int32_t>* output, int count, int read_size) {
     const int history_mult = (p->rice_modifier * d->rice_history_mult) / 4;
-    rice_decode_block(d, error->data(), count, read_size, d->rice_initial_history, d->rice_limit,
+    // A channel that is predicted rebuilds its samples in place over its residuals; one that is
+    // not keeps the samples of the last frame.
+    const bool predicted = p->prediction_type == 0;
+    int32_t* residuals = predicted ? output->data() : error->data();
+    rice_decode_block(d, residuals, count, read_size, d->rice_initial_history, d->rice_limit,
                       history_mult, alac_arith::low_mask(d->rice_limit));
-    if (p->prediction_type == 0) {
-        fir_adaptive_reconstruct(error->data(), output->data(), count, read_size, p->coefs,
+    if (predicted) {
+        fir_adaptive_reconstruct(residuals, output->data(), count, read_size, p->coefs,
                                  p->coef_count, p->quant_shift);
     } else {
         std::fprintf(stderr, "FIXME: unhandled predicition type: %i\n", p->prediction_type);
@@ -110,11 +114,19 @@ void read_verbatim(alac_decoder* d, int count, bool stereo) {
         }
         return;
     }
-    const int width = depth <= 16 ? depth : 24;  // the bit that becomes the sign, plus one
     alac_bits::cursor c = alac_bits::cursor_of(d);
-    for (int i = 0; i < count; ++i) {
-        a[i] = sign_extend(static_cast<int32_t>(alac_bits::take(&c, depth)), width);
-        if (stereo) b[i] = sign_extend(static_cast<int32_t>(alac_bits::take(&c, depth)), width);
+    if (depth == 16 && stereo) {
+        // The commonest case, where the sign extension is a conversion.
+        for (int i = 0; i < count; ++i) {
+            a[i] = static_cast<int16_t>(alac_bits::take(&c, 16));
+            b[i] = static_cast<int16_t>(alac_bits::take(&c, 16));
+        }
+    } else {
+        const int width = depth <= 16 ? depth : 24;  // the bit that becomes the sign, plus one
+        for (int i = 0; i < count; ++i) {
+            a[i] = sign_extend(static_cast<int32_t>(alac_bits::take(&c, depth)), width);
+            if (stereo) b[i] = sign_extend(static_cast<int32_t>(alac_bits::take(&c, depth)), width);
+        }
     }
     alac_bits::hand_back(d, c);
 }

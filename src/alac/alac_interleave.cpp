@@ -52,12 +52,18 @@ inline void put_pair24(uint8_t* slot, int32_t left, int32_t right) {
 
 }  // namespace
 
-void stereo_interleave_16(const int32_t* a, const int32_t* b, uint8_t* out, int channels, int count,
-                          int shift, int weight) {
+namespace {
+
+// The loops of stereo_interleave_16 for a slot stride known at compile time (Stride > 0, in
+// 16-bit slots) or not (0): with the stride of a two-channel buffer, the compiler turns them
+// into vector code where the target has it.
+template <int Stride>
+void interleave_16(const int32_t* a, const int32_t* b, uint8_t* out, int channels, int count,
+                   int shift, int weight) {
     using alac_arith::add;
     using alac_arith::sub;
+    const size_t stride = (Stride > 0 ? Stride : static_cast<size_t>(channels)) * 2;
     // One loop for each case, so that the per-sample work has no branch.
-    const size_t stride = static_cast<size_t>(channels) * 2;
     if (weight == 0) {
         for (int i = 0; i < count; ++i) {
             put_pair16(out + static_cast<size_t>(i) * stride, a[i], b[i]);
@@ -69,6 +75,14 @@ void stereo_interleave_16(const int32_t* a, const int32_t* b, uint8_t* out, int 
         const int32_t right = sub(a[i], alac_arith::mul(b[i], weight) >> bits);
         put_pair16(out + static_cast<size_t>(i) * stride, add(right, b[i]), right);
     }
+}
+
+}  // namespace
+
+void stereo_interleave_16(const int32_t* a, const int32_t* b, uint8_t* out, int channels, int count,
+                          int shift, int weight) {
+    if (channels == 2) return interleave_16<2>(a, b, out, channels, count, shift, weight);
+    interleave_16<0>(a, b, out, channels, count, shift, weight);
 }
 
 void stereo_interleave_24(const int32_t* a, const int32_t* b, int low_bytes, const int32_t* low_a,

@@ -46,7 +46,7 @@ inline uint32_t adapt_in_place(int16_t* c, int n, int q, const int32_t* b, int32
 
 // The same for the N coefficients of a fixed order, unrolled.
 template <int Sign, int N>
-inline void adapt_unrolled(int32_t* c, int q, const int32_t* b, int32_t e) {
+inline void adapt_unrolled(int16_t* c, int q, const int32_t* b, int32_t e) {
     const int32_t oldest = b[0];
 #pragma GCC unroll 32
     for (int j = N - 1; j >= 0; --j) {
@@ -55,11 +55,29 @@ inline void adapt_unrolled(int32_t* c, int q, const int32_t* b, int32_t e) {
     }
 }
 
+// Samples wrap to the read size (1..32 bits) by an offset and a mask rather than a shift
+// pair: the shifts would compete with the quantisation shift for the one shift-count
+// register some targets have.
+struct sample_wrap {
+    uint32_t offset;  // half the range
+    uint32_t mask;    // the range, less one
+    int32_t operator()(int32_t x) const {
+        return static_cast<int32_t>(((static_cast<uint32_t>(x) + offset) & mask) - offset);
+    }
+};
+
+// The same for a read size known at compile time: the 17 bits of 16-bit stereo, by far the
+// commonest stream, wrap by a shift pair of constant count.
+template <int Bits>
+struct fixed_wrap {
+    int32_t operator()(int32_t x) const { return alac_arith::shl(x, 32 - Bits) >> (32 - Bits); }
+};
+
 // One sample's adaptation for a short order. The differences are taken from the window again
 // rather than kept from the sum: most adaptations end after a tap or two, and the sum then
 // keeps fewer values alive.
 template <int N>
-inline void adapt_short(int32_t* c, int q, const int32_t* b, int32_t e) {
+inline void adapt_short(int16_t* c, int q, const int32_t* b, int32_t e) {
     if (e > 0) {
         adapt_unrolled<1, N>(c, q, b, e);
     } else {
@@ -68,17 +86,16 @@ inline void adapt_short(int32_t* c, int q, const int32_t* b, int32_t e) {
 }
 
 // Samples N + 1 onwards for a short order known at compile time, the sum unrolled.
-template <int N>
-void predict_short(const int32_t* r, int32_t* out, int count, int wrap, int16_t* coefs, int q) {
-    int32_t c[N];  // 16-bit values, held at full width so that the sum needs no widening
-    std::copy(coefs, coefs + N, c);
+template <int N, typename Wrap, bool InPlace = false>
+void predict_short(const int32_t* r, int32_t* out, int count, Wrap wrap, int16_t* c, int q) {
     const uint32_t rounding = q > 0 ? 1u << (q - 1) : 0u;
     // The newest sample comes from a register: read back from memory, it would add a store's
     // round trip to the chain that runs from each sample to the next.
     int32_t newest = out[N];
     for (int i = N + 1; i < count; ++i) {
         const int32_t* b = out + i - N - 1;
-        const int32_t e = r[i];
+        // In place, the residual is read where its sample goes: one pointer fewer to step.
+        const int32_t e = InPlace ? b[N + 1] : r[i];
         uint32_t minus_sum = 0;  // the sum with the differences taken the other way round
 #pragma GCC unroll 32
         for (int j = 0; j < N; ++j) {
@@ -86,11 +103,10 @@ void predict_short(const int32_t* r, int32_t* out, int count, int wrap, int16_t*
             minus_sum += static_cast<uint32_t>(c[j]) * static_cast<uint32_t>(sub(b[0], later));
         }
         const int32_t p = static_cast<int32_t>(rounding - minus_sum) >> q;
-        newest = alac_arith::shl(add(add(p, b[0]), e), wrap) >> wrap;
+        newest = wrap(add(add(p, b[0]), e));
         out[i] = newest;
         if (e != 0) adapt_short<N>(c, q, b, e);
     }
-    for (int j = 0; j < N; ++j) coefs[j] = static_cast<int16_t>(c[j]);
 }
 
 inline uint32_t tap(const int16_t* c, int j, const int32_t* b, int n) {
@@ -144,6 +160,19 @@ void predict_long(const int32_t* r, int32_t* out, int count, int wrap, int32_t k
     }
 }
 
+// predict_short for order n, 1..8.
+template <typename Wrap, bool InPlace = false>
+void predict_short_order(const int32_t* r, int32_t* out, int count, Wrap wrap, int16_t* c, int n,
+                         int q) {
+    using short_predictor = void (*)(const int32_t*, int32_t*, int, Wrap, int16_t*, int);
+    static constexpr short_predictor kShort[] = {
+        predict_short<1, Wrap, InPlace>, predict_short<2, Wrap, InPlace>,
+        predict_short<3, Wrap, InPlace>, predict_short<4, Wrap, InPlace>,
+        predict_short<5, Wrap, InPlace>, predict_short<6, Wrap, InPlace>,
+        predict_short<7, Wrap, InPlace>, predict_short<8, Wrap, InPlace>};
+    kShort[n - 1](r, out, count, wrap, c, q);
+}
+
 }  // namespace
 
 void fir_adaptive_reconstruct(const int32_t* r, int32_t* out, int count, int read_size, int16_t* c,
@@ -152,7 +181,7 @@ void fir_adaptive_reconstruct(const int32_t* r, int32_t* out, int count, int rea
     if (count <= 0) return;
     out[0] = r[0];
     if (n == 0) {
-        std::copy(r + 1, r + count, out + 1);
+        if (r != out) std::copy(r + 1, r + count, out + 1);
         return;
     }
     // Order 31 is no predictor at all but a plain integrator; other orders warm up the same way
@@ -168,11 +197,15 @@ void fir_adaptive_reconstruct(const int32_t* r, int32_t* out, int count, int rea
     const int wrap = 32 - std::min(read_size, 32);
     // The short orders encoders use most get loops of their own, the longest predictor there
     // is (31 stands for none) an unrolled sum.
-    using short_predictor = void (*)(const int32_t*, int32_t*, int, int, int16_t*, int);
-    static constexpr short_predictor kShort[] = {
-        nullptr,          predict_short<1>, predict_short<2>, predict_short<3>, predict_short<4>,
-        predict_short<5>, predict_short<6>, predict_short<7>, predict_short<8>};
-    if (n > 0 && n <= 8) return kShort[n](r, out, count, wrap, c, q);
+    if (n > 0 && n <= 8) {
+        // The decoder's own path: 16-bit stereo, rebuilt in place.
+        if (read_size == 17 && r == out) {
+            return predict_short_order<fixed_wrap<17>, true>(r, out, count, {}, c, n, q);
+        }
+        const int bits = std::min(read_size, 32);
+        const sample_wrap wrap_bits{1u << (bits - 1), alac_arith::low_mask(bits)};
+        return predict_short_order(r, out, count, wrap_bits, c, n, q);
+    }
     if (n == 30) return predict_long<30>(r, out, count, wrap, -1, c, n, q);
     predict_long<0>(r, out, count, wrap, -1, c, n, q);
 }
