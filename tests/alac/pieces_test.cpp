@@ -1,73 +1,65 @@
-// The decoder's pieces on hand-made input: the bit reader, Rice decoding, the adaptive FIR
-// predictor and the stereo interleaving, at the edges real streams rarely reach.
+// The decoder on hand-made input, at the edges real streams rarely reach: the bit reader, Rice
+// decoding, the adaptive FIR predictor, the stereo interleaving, and whole frames (verbatim
+// and compressed, mono and stereo, stated sizes, and the frames it reports or refuses).
 #include <gtest/gtest.h>
 
 #include "alac_test_util.h"
 
 namespace {
 
-TEST(AlacBitReader, ReadsAcrossBytesSeesZerosPastTheEndAndRewindsNoFurtherThanTheStart) {
-    auto d = make_test_decoder(16, 352);
-    const std::vector<uint8_t> bytes = {0xA5, 0x3C, 0xFF};
-    start_reading(d.get(), bytes);
-    EXPECT_EQ(bit_reader_get(d.get(), 3), 0b101u);
-    EXPECT_EQ(bit_reader_get(d.get(), 0), 0u);  // reads nothing, moves nothing
-    EXPECT_EQ(bits_read(d.get()), 3u);
-    EXPECT_EQ(bit_reader_get(d.get(), 9), 0b001010011u);  // spans the first byte boundary
-    EXPECT_EQ(bit_reader_get_bit(d.get()), 1);
-    EXPECT_EQ(bit_reader_get(d.get(), 16), 0b1001111111100000u);  // 5 bits past the end
-    EXPECT_EQ(bit_reader_get_long(d.get(), 32), 0u);
-    EXPECT_EQ(bit_reader_get_bit(d.get()), 0);
+using ints = std::vector<int32_t>;
+using s16 = std::vector<int16_t>;
+using bytes = std::vector<uint8_t>;
 
-    const std::vector<uint8_t> longer = {0x12, 0x34, 0x56, 0x78, 0x9A};
-    start_reading(d.get(), longer);
-    EXPECT_EQ(bit_reader_get_long(d.get(), 32), 0x12345678u);
-    EXPECT_EQ(bit_reader_get_long(d.get(), 4), 0x9u);
-    start_reading(d.get(), longer);
-    bit_reader_get(d.get(), 8);
-    bit_reader_rewind(d.get(), 1);  // bit_offset was 0: back one byte, offset 7
-    EXPECT_EQ(bits_read(d.get()), 7u);
-    EXPECT_EQ(bit_reader_get(d.get(), 9), 0b000110100u);
-    bit_reader_rewind(d.get(), 100);
-    EXPECT_EQ(bits_read(d.get()), 0u);
+// Points the decoder's bit reader at bytes, as alac_frame_decode does at a frame's start.
+void start_reading(alac_decoder* d, const bytes& in) {
+    d->input = in.data();
+    d->input_size = in.size();
+    d->input_pos = 0;
+    d->bit_offset = 0;
 }
+size_t bits_read(const alac_decoder* d) { return d->input_pos * 8 + d->bit_offset; }
 
-TEST(AlacRice, ValuesEscapesAndTheSteppedBackBit) {
+TEST(AlacRice, ValuesEscapesTheSteppedBackBitAndZerosPastTheEnd) {
     auto d = make_test_decoder(16, 352);
-    struct Case {
-        std::vector<uint8_t> bits;
+    const struct {
+        bit_writer bits;
         int size, k;
         uint32_t mask;
         int32_t value;
         size_t bits_read;
     } cases[] = {
         // Escape: nine ones, then `size` bits verbatim, with no terminating zero.
-        {bit_writer().bits("111111111").put(0x1ABCD, 17).put(1, 1).bytes(), 17, 5, ~0u, 0x1ABCD, 26},
-        {bit_writer().bits("111111111").put(0xFFFFFFFE, 32).bytes(), 32, 5, ~0u, -2, 41},
-        {bit_writer().bits("110 101").bytes(), 16, 3, ~0u, 18, 6},  // 2 * 7 + 5 - 1
-        {bit_writer().bits("0 001").bytes(), 16, 3, ~0u, 0, 3},     // extra 1: last bit given back
-        {bit_writer().bits("110 101").bytes(), 16, 3, 3, 10, 6},    // 2 * (7 & 3) + 5 - 1
+        {bit_writer().bits("111111111").put(0x1ABCD, 17).put(1, 1), 17, 5, ~0u, 0x1ABCD, 26},
+        {bit_writer().bits("111111111").put(0xFFFFFFFE, 32), 32, 5, ~0u, -2, 41},
+        {bit_writer().bits("110 101"), 16, 3, ~0u, 18, 6},  // 2 * 7 + 5 - 1
+        {bit_writer().bits("0 001"), 16, 3, ~0u, 0, 3},     // extra 1: last bit given back
+        {bit_writer().bits("110 101"), 16, 3, 3, 10, 6},    // 2 * (7 & 3) + 5 - 1
         // Extra bits ending on a byte boundary: the step back crosses into the previous byte.
-        {bit_writer().bits("1110 0001 1").bytes(), 16, 4, ~0u, 45, 7},
+        {bit_writer().bits("1110 0001 1"), 16, 4, ~0u, 45, 7},
     };
-    for (const Case& c : cases) {
-        start_reading(d.get(), c.bits);
+    for (const auto& c : cases) {
+        const bytes in = c.bits.bytes();
+        start_reading(d.get(), in);
         EXPECT_EQ(rice_read_value(d.get(), c.size, c.k, c.mask), c.value) << c.value;
         EXPECT_EQ(bits_read(d.get()), c.bits_read) << c.value;
     }
-    for (int ones = 0; ones <= 8; ++ones) {  // k = 1: the count of leading ones
-        auto unary = bit_writer().put((1u << ones) - 1, ones).bits("0 1111").bytes();
-        start_reading(d.get(), unary);
-        EXPECT_EQ(rice_read_value(d.get(), 16, 1, ~0u), ones);
-        EXPECT_EQ(bits_read(d.get()), size_t(ones) + 1);
-    }
+    // The bit reader: bits past the end read as zeros, a rewind stops at the frame's start.
+    const bytes in = {0xA5, 0x3C};
+    start_reading(d.get(), in);
+    EXPECT_EQ(bit_reader_get(d.get(), 0), 0u);
+    EXPECT_EQ(bit_reader_get(d.get(), 13), 0b1010010100111u);
+    EXPECT_EQ(bit_reader_get_bit(d.get()), 1);
+    EXPECT_EQ(bit_reader_get_long(d.get(), 32), 0u);
+    bit_reader_rewind(d.get(), 100);
+    EXPECT_EQ(bits_read(d.get()), 0u);
 }
 
-std::vector<int32_t> rice_block(const bit_writer& w, size_t n, int size, int history, int mult) {
+ints rice_block(const bit_writer& w, size_t n, int size, int history, int mult) {
     auto d = make_test_decoder(16, 352);
-    auto bytes = w.bytes();
-    start_reading(d.get(), bytes);
-    std::vector<int32_t> out(n + 1, 7);
+    const bytes in = w.bytes();
+    start_reading(d.get(), in);
+    ints out(n + 1, 7);
     rice_decode_block(d.get(), out.data(), int(n), size, history, 14, mult, (1u << 14) - 1);
     return out;
 }
@@ -77,32 +69,29 @@ TEST(AlacRice, BlocksClampTheHistoryAndCutZeroRunsAtTheBlockEnd) {
     // log2((0xFFFF >> 9) + 3) = 7 rather than the limit the raw history would give.
     EXPECT_EQ(rice_block(bit_writer().bits("111111111").put(0x20000, 18).bits("10").put(5, 7), 2,
                          18, 10, 40),
-              (std::vector<int32_t>{0x10000, -66, 7}));  // 1 * 127 + 5 - 1 = 131
+              (ints{0x10000, -66, 7}));  // 1 * 127 + 5 - 1 = 131
     // History 0 and multiplier 0 keep the history below 128, so a run count (k = 8) follows
     // every value but the last; values are read with k = 1. After a run the sign modifier is 1.
-    EXPECT_EQ(rice_block(bit_writer().bits("110 0 00000100 10"), 5, 16, 0, 0),
-              (std::vector<int32_t>{1, 0, 0, 0, 1, 7}));
-    EXPECT_EQ(rice_block(bit_writer().bits("110 0 0000000 0"), 2, 16, 0, 0),  // run of 0
-              (std::vector<int32_t>{1, -1, 7}));
+    EXPECT_EQ(rice_block(bit_writer().bits("110 0 00000100 10"), 5, 16, 0, 0), (ints{1, 0, 0, 0, 1, 7}));
+    EXPECT_EQ(rice_block(bit_writer().bits("110 0 0000000 0"), 2, 16, 0, 0), (ints{1, -1, 7}));  // run 0
     EXPECT_EQ(rice_block(bit_writer().bits("110 1110").put(236, 8), 3, 16, 0, 0),  // run of 1000
-              (std::vector<int32_t>{1, 0, 0, 7}));
+              (ints{1, 0, 0, 7}));
 }
 
-std::vector<int32_t> fir(const std::vector<int32_t>& r, int read_size, std::vector<int16_t>* c,
-                         int n, int q) {
-    std::vector<int32_t> out(r.size());  // exactly the frame: the sanitizer sees any overrun
+ints fir(const ints& r, int read_size, s16* c, int n, int q) {
+    ints out(r.size());  // exactly the frame: the sanitizer sees any overrun
     fir_adaptive_reconstruct(r.data(), out.data(), int(r.size()), read_size, c->data(), n, q);
     return out;
 }
 
 TEST(AlacPredictor, OrdersRoundingAdaptationAndWrap) {
-    std::vector<int16_t> c(32, 5);
-    EXPECT_EQ(fir({3, -4, 7, 0}, 17, &c, 0, 4), (std::vector<int32_t>{3, -4, 7, 0}));
-    EXPECT_EQ(fir({5, 1, 2, 3}, 16, &c, 31, 0), (std::vector<int32_t>{5, 6, 8, 11}));
+    s16 c(32, 5);
+    EXPECT_EQ(fir({3, -4, 7, 0}, 17, &c, 0, 4), (ints{3, -4, 7, 0}));
+    EXPECT_EQ(fir({5, 1, 2, 3}, 16, &c, 31, 0), (ints{5, 6, 8, 11}));
     // Each sum wraps to the read size: 32767 + 1 is -32768 in 16 bits, not in 17.
-    EXPECT_EQ(fir({32767, 1, 1}, 16, &c, 31, 0), (std::vector<int32_t>{32767, -32768, -32767}));
-    EXPECT_EQ(fir({32767, 1, 1}, 17, &c, 31, 0), (std::vector<int32_t>{32767, 32768, 32769}));
-    EXPECT_EQ(c, std::vector<int16_t>(32, 5));  // neither order touches the coefficients
+    EXPECT_EQ(fir({32767, 1, 1}, 16, &c, 31, 0), (ints{32767, -32768, -32767}));
+    EXPECT_EQ(fir({32767, 1, 1}, 17, &c, 31, 0), (ints{32767, 32768, 32769}));
+    EXPECT_EQ(c, s16(32, 5));  // neither order touches the coefficients
     // One tap of 2 on a step of 3 predicts 6, scaled by the shift with rounding (not at 0).
     for (int q : {0, 1, 2}) {
         c = {2};
@@ -111,8 +100,8 @@ TEST(AlacPredictor, OrdersRoundingAdaptationAndWrap) {
     // Taps move against the residual's sign on a rising signal, the nearest first; a residual
     // of 0 or a flat signal adapts nothing; coefficients wrap at 16 bits.
     const struct {
-        std::vector<int32_t> r;
-        std::vector<int16_t> before, after;
+        ints r;
+        s16 before, after;
     } adapt[] = {{{0, 10, 5}, {0}, {1}},          {{0, 10, -5}, {0}, {-1}},
                  {{0, 10, 20, 1}, {0, 0}, {0, 1}}, {{0, 10, 0}, {-32768}, {-32768}},
                  {{0, 0, -5}, {-32768}, {-32768}}, {{0, 1, 100000}, {32767}, {-32768}}};
@@ -122,44 +111,171 @@ TEST(AlacPredictor, OrdersRoundingAdaptationAndWrap) {
         EXPECT_EQ(c, a.after) << a.r.back();
     }
     c = {0, 0};
-    EXPECT_EQ(fir({0, 10, 20, 1}, 17, &c, 2, 0), (std::vector<int32_t>{0, 10, 30, 1}));
+    EXPECT_EQ(fir({0, 10, 20, 1}, 17, &c, 2, 0), (ints{0, 10, 30, 1}));
     c.assign(8, 1);  // warm-up stops at the end of a short frame
-    EXPECT_EQ(fir({1, 2, 3}, 17, &c, 8, 0), (std::vector<int32_t>{1, 3, 6}));
+    EXPECT_EQ(fir({1, 2, 3}, 17, &c, 8, 0), (ints{1, 3, 6}));
 }
 
 TEST(AlacInterleave, WeightUndoesTheMidSideMixAndTwentyFourBitAppendsLowBytes) {
-    auto interleave = [](const std::vector<int32_t>& a, const std::vector<int32_t>& b, int shift,
-                         int weight) {
-        std::vector<uint8_t> out(a.size() * 4);
+    auto interleave = [](const ints& a, const ints& b, int shift, int weight) {
+        bytes out(a.size() * 4);
         stereo_interleave_16(a.data(), b.data(), out.data(), 2, int(a.size()), shift, weight);
-        std::vector<int16_t> s(a.size() * 2);
+        s16 s(a.size() * 2);
         for (size_t i = 0; i < s.size(); ++i) s[i] = int16_t(out[2 * i] | out[2 * i + 1] << 8);
         return s;
     };
-    EXPECT_EQ(interleave({0x12345, -2}, {100, 0x7FFFF}, 3, 0),
-              (std::vector<int16_t>{0x2345, 100, -2, -1}));
-    EXPECT_EQ(interleave({100}, {10}, 1, 1), (std::vector<int16_t>{105, 95}));  // 100 - (10 >> 1)
+    EXPECT_EQ(interleave({0x12345, -2}, {100, 0x7FFFF}, 3, 0), (s16{0x2345, 100, -2, -1}));
+    EXPECT_EQ(interleave({100}, {10}, 1, 1), (s16{105, 95}));  // 100 - (10 >> 1)
     // With any weight, left - right is the difference channel modulo 65536.
-    std::vector<int32_t> a, b;
-    for (uint32_t i = 0, seed = 12345; i < 200; ++i) {
-        a.push_back(int32_t(seed = seed * 1664525 + 1013904223) >> 14);
-        b.push_back(int32_t(seed = seed * 1664525 + 1013904223) >> 15);
-    }
+    const ints a = {0x1FFFF, -0x20000, 12345, -1}, b = {0xFFFF, -0x10000, -7, 0x7FFF};
     for (int weight : {1, 2, 3, 255}) {
         auto out = interleave(a, b, 2, weight);
         for (size_t i = 0; i < a.size(); ++i)
-            EXPECT_EQ(uint16_t(out[2 * i] - out[2 * i + 1]), uint16_t(b[i])) << weight;
+            EXPECT_EQ(uint16_t(out[2 * i] - out[2 * i + 1]), uint16_t(b[i])) << weight << " " << i;
     }
-
-    const std::vector<int32_t> x = {0x1234, -1}, y = {-2, 0x7FFF}, low_x = {0x1AB, 0}, low_y = {0xCD, 0xEF};
-    std::vector<uint8_t> out(12);
+    const ints x = {0x1234, -1}, y = {-2, 0x7FFF}, low_x = {0x1AB, 0}, low_y = {0xCD, 0xEF};
+    bytes out(12);
     stereo_interleave_24(x.data(), y.data(), 1, low_x.data(), low_y.data(), out.data(), 2, 2, 0, 0);
-    EXPECT_EQ(out, (std::vector<uint8_t>{0xAB, 0x34, 0x12, 0xCD, 0xFE, 0xFF,  //
-                                         0x00, 0xFF, 0xFF, 0xEF, 0xFF, 0x7F}));
-    stereo_interleave_24(x.data(), y.data(), 0, nullptr, nullptr, out.data(), 2, 1, 1, 1);
-    // right = 0x1234 - (-2 >> 1) = 0x1235, left = right - 2 = 0x1233
-    EXPECT_EQ(std::vector<uint8_t>(out.begin(), out.begin() + 6),
-              (std::vector<uint8_t>{0x33, 0x12, 0x00, 0x35, 0x12, 0x00}));
+    EXPECT_EQ(out, (bytes{0xAB, 0x34, 0x12, 0xCD, 0xFE, 0xFF, 0x00, 0xFF, 0xFF, 0xEF, 0xFF, 0x7F}));
+}
+
+// Frame header: channel field, 4 + 12 unused bits, has-size, low bytes, not-compressed.
+bit_writer header(int channel_field, bool has_size, int low_bytes, bool not_compressed) {
+    return bit_writer().put(channel_field, 3).put(0, 16).put(has_size, 1).put(low_bytes, 2).put(
+        not_compressed, 1);
+}
+// Channel parameters with order 0 and Rice modifier 0: residuals are the samples and, with an
+// initial history of 255, every one is coded with k = 1 and no zero runs come up.
+bit_writer& channel_params(bit_writer& w, int prediction_type) {
+    return w.put(prediction_type, 4).put(0, 12);
+}
+
+struct decoded {
+    bytes pcm;
+    int size = -1;
+    std::string errors;
+    s16 samples(size_t n) const {
+        s16 s(n);
+        for (size_t i = 0; i < n; ++i) s[i] = int16_t(pcm[2 * i] | pcm[2 * i + 1] << 8);
+        return s;
+    }
+};
+
+decoded decode(alac_decoder* d, const bit_writer& frame, size_t capacity = 64) {
+    decoded r{bytes(capacity, 0), -1, ""};
+    auto in = frame.bytes();
+    testing::internal::CaptureStderr();
+    alac_frame_decode(d, in.data(), in.size(), r.pcm.data(), capacity, &r.size);
+    r.errors = testing::internal::GetCapturedStderr();
+    return r;
+}
+
+TEST(AlacFrame, VerbatimFramesStatedSizesAndRefusals) {
+    // Stereo reads samples in turn, mono fills the first slot of each sample frame only.
+    auto d = make_test_decoder(16, 3);
+    auto stereo = header(1, false, 0, true);
+    for (int v : {1, -1, 300, -300, 32767, -32768}) stereo.put(uint16_t(v), 16);
+    auto r = decode(d.get(), stereo, 12);
+    EXPECT_EQ(r.size, 12);
+    EXPECT_EQ(r.samples(6), (s16{1, -1, 300, -300, 32767, -32768}));
+    auto mono = header(0, false, 0, true).put(5, 16).put(uint16_t(-6), 16).put(7, 16);
+    EXPECT_EQ(decode(d.get(), mono, 12).samples(6), (s16{5, 0, -6, 0, 7, 0}));
+    // 24 bits come as 16 and 8, whatever the low-bytes field says.
+    auto wide = header(1, false, 2, true);
+    for (uint32_t v : {0x123456u, 0xFEDCBAu, 0x800000u, 0x7FFFFFu}) wide.put(v, 24);
+    r = decode(make_test_decoder(24, 2).get(), wide, 12);
+    EXPECT_EQ(r.size, 12);
+    EXPECT_EQ(r.pcm, (bytes{0x56, 0x34, 0x12, 0xBA, 0xDC, 0xFE, 0x00, 0x00, 0x80, 0xFF, 0xFF, 0x7F}));
+    // A stated count sets the size; more samples than the arrays hold, a negative count, or
+    // output that would not fit are refused with nothing written.
+    auto d8 = make_test_decoder(16, 8);
+    r = decode(d8.get(), header(1, true, 0, true).put(2, 32).put(1, 16).put(2, 16).put(3, 16).put(4, 16));
+    EXPECT_EQ(r.size, 8);
+    EXPECT_EQ(r.samples(5), (s16{1, 2, 3, 4, 0}));
+    const std::pair<uint32_t, size_t> refused[] = {{9, 64}, {0xFFFFFFFF, 64}, {0x80000000, 64}, {8, 31}};
+    for (auto [count, capacity] : refused) {
+        r = decode(d8.get(), header(1, true, 0, true).put(count, 32).put(0x7777, 16), capacity);
+        EXPECT_EQ(r.size, 0) << count;
+        EXPECT_EQ(r.pcm, bytes(capacity, 0)) << count;
+    }
+    // Sized for 16-bit stereo, the buffer is too small for 24-bit stereo of the same length.
+    EXPECT_EQ(decode(make_test_decoder(24, 8).get(), header(1, false, 0, true), 8 * 4).size, 0);
+}
+
+TEST(AlacFrame, OtherElementsAndUnwrittenSampleSizesReportSilence) {
+    // Channel field 7 (end of frame): silence, nothing written, nothing logged. Sizes 20 and
+    // 32 are decoded but not written, one line per frame; any other size says nothing.
+    const struct {
+        int depth;
+        bit_writer frame;
+        int size;
+        std::string errors;
+    } cases[] = {
+        {16, bit_writer().put(7, 3).put(0xFFFFF, 20), 20, ""},
+        {20, header(1, false, 0, true).put(0x12345, 20).put(0x54321, 20).put(1, 20).put(2, 20), 8,
+         "FIXME: unimplemented sample size 20\n"},
+        {32, header(1, false, 0, true).put(0x12345, 32).put(0x54321, 32).put(1, 32).put(2, 32), 16,
+         "FIXME: unimplemented sample size 32\n"},
+        {8, header(1, false, 0, true).put(0xABCDEF01, 32), 4, ""},
+    };
+    for (const auto& c : cases) {
+        auto r = decode(make_test_decoder(c.depth, c.depth == 16 ? 5 : 2).get(), c.frame);
+        EXPECT_EQ(r.size, c.size) << c.depth;
+        EXPECT_EQ(r.pcm, bytes(64, 0)) << c.depth;
+        EXPECT_EQ(r.errors, c.errors) << c.depth;
+    }
+}
+
+TEST(AlacFrame, UnhandledPredictionTypeKeepsTheLastFrameAndStillDecodesTheOtherChannel) {
+    auto d = make_test_decoder(16, 4);
+    d->rice_initial_history = 255;
+    auto verbatim = header(1, false, 0, true);
+    for (int v : {1, 5, 2, 6, 3, 7, 4, 8}) verbatim.put(v, 16);
+    decode(d.get(), verbatim);
+    auto compressed = header(1, false, 0, false).put(0, 16);  // no interlacing
+    channel_params(channel_params(compressed, 1), 0);
+    for (int v : {9, 9, 9, 9, 10, -3, 0, 2000}) compressed.residual_k1(v, 17);
+    auto r = decode(d.get(), compressed);
+    EXPECT_EQ(r.size, 16);
+    EXPECT_EQ(r.samples(8), (s16{1, 10, 2, -3, 3, 0, 4, 2000}));
+    EXPECT_EQ(r.errors, "FIXME: unhandled predicition type: 1\n");
+    // A mono frame of type 2 leaves its slots with the samples of the last frame.
+    auto mono = header(0, false, 0, false).put(0, 16);
+    channel_params(mono, 2);
+    for (int v : {-1, -1, -1, -1}) mono.residual_k1(v, 16);
+    r = decode(d.get(), mono);
+    EXPECT_EQ(r.samples(8), (s16{1, 0, 2, 0, 3, 0, 4, 0}));
+    EXPECT_EQ(r.errors, "FIXME: unhandled predicition type: 2\n");
+}
+
+TEST(AlacFrame, CompressedFrameWithWeightAndLowBytes) {
+    // 24-bit stereo with one low byte a sample: read size 24 - 8 + 1 = 17, interlacing shift
+    // 1, weight 1, low bytes of each sample frame before the residuals.
+    auto d = make_test_decoder(24, 2);
+    d->rice_initial_history = 255;
+    auto frame = header(1, false, 1, false).put(1, 8).put(1, 8);
+    channel_params(channel_params(frame, 0), 0).put(0x11223344, 32);
+    for (int v : {100, -7, 10, 0}) frame.residual_k1(v, 17);
+    auto r = decode(d.get(), frame);
+    EXPECT_EQ(r.size, 12);
+    // Sample 0: right = 100 - (10 >> 1) = 95, left = 105; sample 1: both -7.
+    EXPECT_EQ(bytes(r.pcm.begin(), r.pcm.begin() + 12),
+              (bytes{0x11, 105, 0, 0x22, 95, 0, 0x33, 0xF9, 0xFF, 0x44, 0xF9, 0xFF}));
+}
+
+TEST(AlacDecoder, CreationAndArraysRefuseWhatCannotBeDecoded) {
+    for (auto [bits, channels] : {std::pair{16, 0}, {16, kAlacMaxChannels + 1}, {-16, 2}})
+        EXPECT_EQ(alac_decoder_new(bits, channels), nullptr) << bits << " " << channels;
+    auto d = alac_decoder_new(24, 2);
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(d->bytes_per_frame, 6);
+    d->frame_length = kAlacMaxFrameLength + 1;
+    d->bit_depth = 24;
+    EXPECT_FALSE(alac_decoder_set_buffers(d.get()));
+    EXPECT_TRUE(d->output_a.empty());
+    EXPECT_EQ(decode(d.get(), header(1, false, 0, true)).size, 0);
+    alac_decoder_free(d.release());
+    alac_decoder_free(nullptr);
 }
 
 }  // namespace
