@@ -1,17 +1,13 @@
 #!/usr/bin/env python3
-"""Makes the ALAC test streams in tests/data/alac/ from deterministic PCM.
+"""Makes the ALAC test streams in tests/data/alac/ (or OUTPUT_DIR) from deterministic PCM.
 
-ffmpeg serves only as the encoder and CAF muxer, never as a decoder; ALAC is lossless, so each
-stream's oracle is its source PCM. ffmpeg 5.1 writes 4096-sample frames whatever -frame_size
-says, so the PCM is encoded one 352-sample chunk (an AirTunes frame) at a time. Each frame
-states its sample count; a full chunk's frame loses the has-size bit and the count, as a
-352-sample encoder writes it; a short last chunk keeps both, as a real stream's last frame.
-
-Per vector NAME: NAME.frames (each frame behind its 4-byte big-endian length), NAME.pcm (the
-source, little-endian, interleaved) and a line in vectors.txt:
-    NAME BITS CHANNELS FRAMES SAMPLES FMTP0 ... FMTP11   (the SDP "a=fmtp:" numbers)
-
-Usage: tests/alac/make_vectors.py [OUTPUT_DIR]   (default: tests/data/alac next to this script)
+ffmpeg is only the encoder and CAF muxer; ALAC is lossless, so a stream's oracle is its source
+PCM. ffmpeg 5.1 writes 4096-sample frames whatever -frame_size says, so each 352-sample chunk
+(an AirTunes frame) is encoded alone; a full chunk's frame then loses its stated sample count,
+as a 352-sample encoder writes it, while a short last chunk keeps it, as a real stream's does.
+Per vector: NAME.frames (each frame behind its 4-byte big-endian length), NAME.pcm (the source,
+little-endian, interleaved) and a line of vectors.txt: NAME BITS CHANNELS FRAMES SAMPLES and
+the twelve SDP "a=fmtp:" numbers.  Usage: tests/alac/make_vectors.py [OUTPUT_DIR]
 """
 
 import math
@@ -42,8 +38,7 @@ PASSAGES = ["tone", "silence", "twotone", "noise", "hiss", "square", "chirp", "s
             "loudnoise", "clicks", "tone"]
 
 
-class Lcg:
-    """A fixed 32-bit generator, so the PCM never depends on the Python version."""
+class Lcg:  # a fixed 32-bit generator, so the PCM never depends on the Python version
     def __init__(self, seed):
         self.state = seed & 0xFFFFFFFF
 
