@@ -29,8 +29,7 @@ class bit_writer {
     }
     std::vector<uint8_t> bytes() const {
         std::vector<uint8_t> out((bits_.size() + 7) / 8, 0);
-        for (size_t i = 0; i < bits_.size(); ++i)
-            if (bits_[i]) out[i / 8] |= uint8_t(0x80 >> (i % 8));
+        for (size_t i = 0; i < bits_.size(); ++i) out[i / 8] |= uint8_t(bits_[i] << (7 - i % 8));
         return out;
     }
 
@@ -48,7 +47,6 @@ inline std::unique_ptr<alac_decoder> make_stream_decoder(const std::vector<int>&
     alac_decoder_set_buffers(d.get());
     return d;
 }
-
 // A two-channel decoder with the usual Rice parameters 40, 10, 14.
 inline std::unique_ptr<alac_decoder> make_test_decoder(int bit_depth, int frame_length) {
     return make_stream_decoder({96, frame_length, 0, bit_depth, 40, 10, 14, 2, 255, 0, 0, 44100});

@@ -1,14 +1,11 @@
 #!/usr/bin/env python3
-"""Makes the ALAC test streams in tests/data/alac/ (or OUTPUT_DIR) from deterministic PCM.
+"""tests/alac/make_vectors.py [OUTPUT_DIR]: the ALAC streams of tests/data/alac/ from fixed PCM.
 
-ffmpeg is only the encoder and CAF muxer; ALAC is lossless, so a stream's oracle is its source
-PCM. ffmpeg 5.1 writes 4096-sample frames whatever -frame_size says, so each 352-sample chunk
-(an AirTunes frame) is encoded alone; a full chunk's frame then loses its stated sample count,
-as a 352-sample encoder writes it, while a short last chunk keeps it, as a real stream's does.
-Per vector: NAME.frames (each frame behind its 4-byte big-endian length), NAME.pcm (the source,
-little-endian, interleaved) and a line of vectors.txt: NAME BITS CHANNELS FRAMES SAMPLES and
-the twelve SDP "a=fmtp:" numbers.  Usage: tests/alac/make_vectors.py [OUTPUT_DIR]
-"""
+ffmpeg only encodes (ALAC is lossless: the oracle is the source PCM). It writes 4096-sample
+frames whatever -frame_size says, so each 352-sample chunk is encoded alone and its frame loses
+the stated sample count, as a 352-sample encoder writes it; a short last chunk keeps it. Per
+vector: NAME.frames (frames behind 4-byte big-endian lengths), NAME.pcm (the source, little-
+endian, interleaved), and in vectors.txt: NAME BITS CHANNELS FRAMES SAMPLES and the SDP fmtp."""
 
 import math
 import os
@@ -21,15 +18,17 @@ FRAME = 352
 RATE = 44100
 
 # name, bits, channels, full frames, samples of the short last frame, encoder options
+def orders(low, high):
+    return ["-min_prediction_order", str(low), "-max_prediction_order", str(high)]
+
+
 VECTORS = [
     ("s16_stereo", 16, 2, 40, 123, []),
-    ("s16_stereo_order30", 16, 2, 16, 200,
-     ["-min_prediction_order", "30", "-max_prediction_order", "30"]),
-    ("s16_stereo_order1_30", 16, 2, 16, 7,
-     ["-min_prediction_order", "1", "-max_prediction_order", "30"]),
+    ("s16_stereo_order30", 16, 2, 16, 200, orders(30, 30)),
+    ("s16_stereo_order1_30", 16, 2, 16, 7, orders(1, 30)),
     ("s16_stereo_verbatim", 16, 2, 6, 50, ["-compression_level", "0"]),
     ("s16_mono", 16, 1, 24, 99, []),
-    ("s24_stereo", 24, 2, 20, 160, ["-min_prediction_order", "1", "-max_prediction_order", "12"]),
+    ("s24_stereo", 24, 2, 20, 160, orders(1, 12)),
     ("s24_mono", 24, 1, 12, 31, []),
 ]
 # Passages in turn: tones and chirps (prediction), silence and hiss (low Rice history, zero

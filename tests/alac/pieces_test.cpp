@@ -19,112 +19,7 @@ void start_reading(alac_decoder* d, const bytes& in) {
     d->bit_offset = 0;
 }
 size_t bits_read(const alac_decoder* d) { return d->input_pos * 8 + d->bit_offset; }
-
-TEST(AlacRice, ValuesEscapesTheSteppedBackBitAndZerosPastTheEnd) {
-    auto d = make_test_decoder(16, 352);
-    const struct {
-        bit_writer bits;
-        int size, k;
-        uint32_t mask;
-        int32_t value;
-        size_t bits_read;
-    } cases[] = {
-        // Escape: nine ones, then `size` bits verbatim, with no terminating zero.
-        {bit_writer().bits("111111111").put(0x1ABCD, 17).put(1, 1), 17, 5, ~0u, 0x1ABCD, 26},
-        {bit_writer().bits("111111111").put(0xFFFFFFFE, 32), 32, 5, ~0u, -2, 41},
-        {bit_writer().bits("110 101"), 16, 3, ~0u, 18, 6},  // 2 * 7 + 5 - 1
-        {bit_writer().bits("0 001"), 16, 3, ~0u, 0, 3},     // extra 1: last bit given back
-        {bit_writer().bits("110 101"), 16, 3, 3, 10, 6},    // 2 * (7 & 3) + 5 - 1
-        // Extra bits ending on a byte boundary: the step back crosses into the previous byte.
-        {bit_writer().bits("1110 0001 1"), 16, 4, ~0u, 45, 7},
-    };
-    for (const auto& c : cases) {
-        const bytes in = c.bits.bytes();
-        start_reading(d.get(), in);
-        EXPECT_EQ(rice_read_value(d.get(), c.size, c.k, c.mask), c.value) << c.value;
-        EXPECT_EQ(bits_read(d.get()), c.bits_read) << c.value;
-    }
-    // The bit reader: bits past the end read as zeros, a rewind stops at the frame's start.
-    const bytes in = {0xA5, 0x3C};
-    start_reading(d.get(), in);
-    EXPECT_EQ(bit_reader_get(d.get(), 0), 0u);
-    EXPECT_EQ(bit_reader_get(d.get(), 13), 0b1010010100111u);
-    EXPECT_EQ(bit_reader_get_bit(d.get()), 1);
-    EXPECT_EQ(bit_reader_get_long(d.get(), 32), 0u);
-    bit_reader_rewind(d.get(), 100);
-    EXPECT_EQ(bits_read(d.get()), 0u);
-}
-
-ints rice_block(const bit_writer& w, size_t n, int size, int history, int mult) {
-    auto d = make_test_decoder(16, 352);
-    const bytes in = w.bytes();
-    start_reading(d.get(), in);
-    ints out(n + 1, 7);
-    rice_decode_block(d.get(), out.data(), int(n), size, history, 14, mult, (1u << 14) - 1);
-    return out;
-}
-
-TEST(AlacRice, BlocksClampTheHistoryAndCutZeroRunsAtTheBlockEnd) {
-    // 0x20000 escaped (above 0xFFFF): the history becomes 0xFFFF, so the next parameter is
-    // log2((0xFFFF >> 9) + 3) = 7 rather than the limit the raw history would give.
-    EXPECT_EQ(rice_block(bit_writer().bits("111111111").put(0x20000, 18).bits("10").put(5, 7), 2,
-                         18, 10, 40),
-              (ints{0x10000, -66, 7}));  // 1 * 127 + 5 - 1 = 131
-    // History 0 and multiplier 0 keep the history below 128, so a run count (k = 8) follows
-    // every value but the last; values are read with k = 1. After a run the sign modifier is 1.
-    EXPECT_EQ(rice_block(bit_writer().bits("110 0 00000100 10"), 5, 16, 0, 0), (ints{1, 0, 0, 0, 1, 7}));
-    EXPECT_EQ(rice_block(bit_writer().bits("110 0 0000000 0"), 2, 16, 0, 0), (ints{1, -1, 7}));  // run 0
-    EXPECT_EQ(rice_block(bit_writer().bits("110 1110").put(236, 8), 3, 16, 0, 0),  // run of 1000
-              (ints{1, 0, 0, 7}));
-}
-
-ints fir(const ints& r, int read_size, s16* c, int n, int q) {
-    ints out(r.size());  // exactly the frame: the sanitizer sees any overrun
-    fir_adaptive_reconstruct(r.data(), out.data(), int(r.size()), read_size, c->data(), n, q);
-    return out;
-}
-
-// Rounding and warm-up are what every real stream exercises; these are the edges it does not.
-TEST(AlacPredictor, WrapsAtTheReadSizeAndAdaptsSixteenBitCoefficients) {
-    s16 c(32, 5);
-    EXPECT_EQ(fir({3, -4, 7, 0}, 17, &c, 0, 4), (ints{3, -4, 7, 0}));
-    EXPECT_EQ(fir({5, 1, 2, 3}, 16, &c, 31, 0), (ints{5, 6, 8, 11}));
-    // Each sum wraps to the read size: 32767 + 1 is -32768 in 16 bits, not in 17.
-    EXPECT_EQ(fir({32767, 1, 1}, 16, &c, 31, 0), (ints{32767, -32768, -32767}));
-    EXPECT_EQ(fir({32767, 1, 1}, 17, &c, 31, 0), (ints{32767, 32768, 32769}));
-    EXPECT_EQ(c, s16(32, 5));  // neither order touches the coefficients
-    // Taps move against the residual's sign on a rising signal, the nearest first; a residual
-    // of 0 or a flat signal adapts nothing; coefficients wrap at 16 bits.
-    const struct {
-        ints r;
-        s16 before, after;
-    } adapt[] = {{{0, 10, 5}, {0}, {1}},          {{0, 10, -5}, {0}, {-1}},
-                 {{0, 10, 20, 1}, {0, 0}, {0, 1}}, {{0, 10, 0}, {-32768}, {-32768}},
-                 {{0, 0, -5}, {-32768}, {-32768}}, {{0, 1, 100000}, {32767}, {-32768}}};
-    for (const auto& a : adapt) {
-        c = a.before;
-        fir(a.r, 17, &c, int(c.size()), 0);
-        EXPECT_EQ(c, a.after) << a.r.back();
-    }
-}
-
-TEST(AlacInterleave, WeightUndoesTheMidSideMixAndTwentyFourBitAppendsLowBytes) {
-    auto interleave = [](const ints& a, const ints& b, int shift, int weight) {
-        bytes out(a.size() * 4);
-        stereo_interleave_16(a.data(), b.data(), out.data(), 2, int(a.size()), shift, weight);
-        s16 s(a.size() * 2);
-        for (size_t i = 0; i < s.size(); ++i) s[i] = int16_t(out[2 * i] | out[2 * i + 1] << 8);
-        return s;
-    };
-    EXPECT_EQ(interleave({0x12345, -2}, {100, 0x7FFFF}, 3, 0), (s16{0x2345, 100, -2, -1}));
-    EXPECT_EQ(interleave({100}, {10}, 1, 1), (s16{105, 95}));  // 100 - (10 >> 1)
-    const ints x = {0x1234, -1}, y = {-2, 0x7FFF}, low_x = {0x1AB, 0}, low_y = {0xCD, 0xEF};
-    bytes out(12);
-    stereo_interleave_24(x.data(), y.data(), 1, low_x.data(), low_y.data(), out.data(), 2, 2, 0, 0);
-    EXPECT_EQ(out, (bytes{0xAB, 0x34, 0x12, 0xCD, 0xFE, 0xFF, 0x00, 0xFF, 0xFF, 0xEF, 0xFF, 0x7F}));
-}
-
-// Frame header: channel field, 4 + 12 unused bits, has-size, low bytes, not-compressed.
+bit_writer bits(const std::string& text) { return bit_writer().bits(text); }
 // Frame header: channel field, 4 + 12 unused bits, has-size, low bytes, not-compressed.
 bit_writer header(int channel_field, bool has_size, int low_bytes, bool not_compressed) {
     return bit_writer().put(channel_field, 3).put(0, 16).put(has_size, 1).put(low_bytes, 2).put(
@@ -162,6 +57,96 @@ decoded decode(alac_decoder* d, const bit_writer& frame, size_t capacity = 64) {
     return r;
 }
 
+TEST(AlacRice, ValuesEscapesTheSteppedBackBitAndZerosPastTheEnd) {
+    auto d = make_test_decoder(16, 352);
+    // The value and the bits it took, from the start of w.
+    auto rice = [&](const bit_writer& w, int size, int k, uint32_t mask) {
+        const bytes in = w.bytes();
+        start_reading(d.get(), in);
+        return std::pair{rice_read_value(d.get(), size, k, mask), bits_read(d.get())};
+    };
+    using got = std::pair<int32_t, size_t>;
+    // Escape: nine ones, then `size` bits verbatim, with no terminating zero.
+    EXPECT_EQ(rice(bits("111111111").put(0x1ABCD, 17).put(1, 1), 17, 5, ~0u), got(0x1ABCD, 26));
+    EXPECT_EQ(rice(bits("111111111").put(0xFFFFFFFE, 32), 32, 5, ~0u), got(-2, 41));
+    EXPECT_EQ(rice(bits("110 101"), 16, 3, ~0u), got(18, 6));  // 2 * 7 + 5 - 1
+    EXPECT_EQ(rice(bits("0 001"), 16, 3, ~0u), got(0, 3));     // extra 1: bit given back
+    EXPECT_EQ(rice(bits("110 101"), 16, 3, 3), got(10, 6));    // 2 * (7 & 3) + 5 - 1
+    // Extra bits ending on a byte boundary: the step back crosses into the previous byte.
+    EXPECT_EQ(rice(bits("1110 0001 1"), 16, 4, ~0u), got(45, 7));
+    // The bit reader: bits past the end read as zeros, a rewind stops at the frame's start.
+    const bytes in = {0xA5, 0x3C};
+    start_reading(d.get(), in);
+    EXPECT_EQ(bit_reader_get(d.get(), 0), 0u);
+    EXPECT_EQ(bit_reader_get(d.get(), 13), 0b1010010100111u);
+    EXPECT_EQ(bit_reader_get_bit(d.get()), 1);
+    EXPECT_EQ(bit_reader_get_long(d.get(), 32), 0u);
+    bit_reader_rewind(d.get(), 100);
+    EXPECT_EQ(bits_read(d.get()), 0u);
+}
+
+ints rice_block(const bit_writer& w, size_t n, int size, int history, int mult) {
+    auto d = make_test_decoder(16, 352);
+    const bytes in = w.bytes();
+    start_reading(d.get(), in);
+    ints out(n + 1, 7);
+    rice_decode_block(d.get(), out.data(), int(n), size, history, 14, mult, (1u << 14) - 1);
+    return out;
+}
+
+TEST(AlacRice, BlocksClampTheHistoryAndCutZeroRunsAtTheBlockEnd) {
+    // 0x20000 escaped (above 0xFFFF): the history becomes 0xFFFF, so the next parameter is
+    // log2((0xFFFF >> 9) + 3) = 7 rather than the limit the raw history would give.
+    EXPECT_EQ(rice_block(bits("111111111").put(0x20000, 18).bits("10").put(5, 7), 2,
+                         18, 10, 40),
+              (ints{0x10000, -66, 7}));  // 1 * 127 + 5 - 1 = 131
+    // History 0 and multiplier 0 keep the history below 128, so a run count (k = 8) follows
+    // every value but the last; values are read with k = 1. After a run the sign modifier is 1.
+    EXPECT_EQ(rice_block(bits("110 0 00000100 10"), 5, 16, 0, 0), (ints{1, 0, 0, 0, 1, 7}));
+    EXPECT_EQ(rice_block(bits("110 0 0000000 0"), 2, 16, 0, 0), (ints{1, -1, 7}));  // run 0
+    EXPECT_EQ(rice_block(bits("110 1110").put(236, 8), 3, 16, 0, 0),  // run of 1000
+              (ints{1, 0, 0, 7}));
+}
+
+ints fir(const ints& r, int read_size, s16* c, int n, int q) {
+    ints out(r.size());  // exactly the frame: the sanitizer sees any overrun
+    fir_adaptive_reconstruct(r.data(), out.data(), int(r.size()), read_size, c->data(), n, q);
+    return out;
+}
+
+// Rounding and warm-up are what every real stream exercises; these are the edges it does not.
+TEST(AlacPredictor, WrapsAtTheReadSizeAndAdaptsSixteenBitCoefficients) {
+    s16 c(32, 5);
+    EXPECT_EQ(fir({3, -4, 7, 0}, 17, &c, 0, 4), (ints{3, -4, 7, 0}));
+    EXPECT_EQ(fir({5, 1, 2, 3}, 16, &c, 31, 0), (ints{5, 6, 8, 11}));
+    // Each sum wraps to the read size: 32767 + 1 is -32768 in 16 bits, not in 17.
+    EXPECT_EQ(fir({32767, 1, 1}, 16, &c, 31, 0), (ints{32767, -32768, -32767}));
+    EXPECT_EQ(fir({32767, 1, 1}, 17, &c, 31, 0), (ints{32767, 32768, 32769}));
+    EXPECT_EQ(c, s16(32, 5));  // neither order touches the coefficients
+    // Taps move against the residual's sign on a rising signal, the nearest first; a residual
+    // of 0 or a flat signal adapts nothing; coefficients wrap at 16 bits.
+    const struct {
+        ints r;
+        s16 before, after;
+    } adapt[] = {{{0, 10, 5}, {0}, {1}},          {{0, 10, -5}, {0}, {-1}},
+                 {{0, 10, 20, 1}, {0, 0}, {0, 1}}, {{0, 10, 0}, {-32768}, {-32768}},
+                 {{0, 0, -5}, {-32768}, {-32768}}, {{0, 1, 100000}, {32767}, {-32768}}};
+    for (const auto& a : adapt) {
+        c = a.before;
+        fir(a.r, 17, &c, int(c.size()), 0);
+        EXPECT_EQ(c, a.after) << a.r.back();
+    }
+}
+
+TEST(AlacInterleave, SixteenBitsCutTheSumsAndTwentyFourBitsAppendLowBytes) {
+    const ints x = {0x12345, -2}, y = {100, 0x7FFFF}, low_x = {0x1AB, 0}, low_y = {0xCD, 0xEF};
+    bytes out(12);
+    stereo_interleave_16(x.data(), y.data(), out.data(), 2, 2, 3, 0);
+    EXPECT_EQ(bytes(out.begin(), out.begin() + 8), le16({0x2345, 100, -2, -1}));
+    stereo_interleave_24(x.data(), y.data(), 1, low_x.data(), low_y.data(), out.data(), 2, 2, 0, 0);
+    EXPECT_EQ(out, (bytes{0xAB, 0x45, 0x23, 0xCD, 100, 0, 0x00, 0xFE, 0xFF, 0xEF, 0xFF, 0xFF}));
+}
+
 TEST(AlacFrame, VerbatimCompressedSizedRefusedAndUnwrittenFrames) {
     auto mono = header(0, false, 0, true).put(5, 16).put(uint16_t(-6), 16).put(7, 16);
     auto wide = header(1, false, 2, true);  // 24 bits as 16 and 8, whatever low bytes says
@@ -172,6 +157,7 @@ TEST(AlacFrame, VerbatimCompressedSizedRefusedAndUnwrittenFrames) {
     channel_params(channel_params(mixed, 0), 0).put(0x11223344, 32);
     for (int v : {100, -7, 10, 0}) mixed.residual_k1(v, 17);
     const std::string fixme = "FIXME: unimplemented sample size ";
+    const std::initializer_list<uint32_t> four = {0x12345, 0x54321, 1, 2};
     const struct {
         const char* what;
         int depth, length;
@@ -181,7 +167,8 @@ TEST(AlacFrame, VerbatimCompressedSizedRefusedAndUnwrittenFrames) {
         bytes pcm;  // the start of the output buffer
         std::string errors;
     } cases[] = {
-        {"stereo", 16, 3, verbatim(-1, 16, {1, 0xFFFF, 300, 0xFED4, 32767, 0x8000}), 12, 12, le16({1, -1, 300, -300, 32767, -32768}), ""},
+        {"stereo", 16, 3, verbatim(-1, 16, {1, 0xFFFF, 300, 0xFED4, 32767, 0x8000}), 12, 12,
+         le16({1, -1, 300, -300, 32767, -32768}), ""},
         {"mono fills the first slot", 16, 3, mono, 12, 12, le16({5, 0, -6, 0, 7, 0}), ""},
         {"24 bits", 24, 2, wide, 12, 12,
          {0x56, 0x34, 0x12, 0xBA, 0xDC, 0xFE, 0x00, 0x00, 0x80, 0xFF, 0xFF, 0x7F}, ""},
@@ -193,14 +180,13 @@ TEST(AlacFrame, VerbatimCompressedSizedRefusedAndUnwrittenFrames) {
         // refused with nothing written.
         {"count 9", 16, 8, verbatim(9, 16, {0x7777}), 64, 0, bytes(64, 0), ""},
         {"count -1", 16, 8, verbatim(0xFFFFFFFFLL, 16, {0x7777}), 64, 0, bytes(64, 0), ""},
-        {"count min", 16, 8, verbatim(0x80000000LL, 16, {0x7777}), 64, 0, bytes(64, 0), ""},
         {"no room", 16, 8, verbatim(8, 16, {0x7777}), 31, 0, bytes(31, 0), ""},
         {"24-bit stereo, 16-bit room", 24, 8, verbatim(-1, 16, {}), 32, 0, bytes(32, 0), ""},
         // End of frame: silence. Sizes 20 and 32 are decoded but not written, one line per
         // frame; any other size says nothing.
         {"end element", 16, 5, bit_writer().put(7, 3).put(0xFFFFF, 20), 64, 20, bytes(64, 0), ""},
-        {"20 bits", 20, 2, verbatim(-1, 20, {0x12345, 0x54321, 1, 2}), 64, 8, bytes(64, 0), fixme + "20\n"},
-        {"32 bits", 32, 2, verbatim(-1, 32, {0x12345, 0x54321, 1, 2}), 64, 16, bytes(64, 0), fixme + "32\n"},
+        {"20 bits", 20, 2, verbatim(-1, 20, four), 64, 8, bytes(64, 0), fixme + "20\n"},
+        {"32 bits", 32, 2, verbatim(-1, 32, four), 64, 16, bytes(64, 0), fixme + "32\n"},
         {"8 bits", 8, 2, verbatim(-1, 32, {0xABCDEF01}), 64, 4, bytes(64, 0), ""},
     };
     for (const auto& c : cases) {

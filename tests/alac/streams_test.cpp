@@ -4,7 +4,6 @@
 // keep the decoder inside its buffers (the sanitizer build checks that) with a sane size.
 #include <gtest/gtest.h>
 
-
 #include "alac_test_util.h"
 
 namespace {

@@ -73,13 +73,12 @@ TEST(PlayerSim, RepliesLogsFaultsAndPlaysAVideoByTheClock) {
     box.sim("/sim/reset");
     zt::MediaFileServer media;
     ASSERT_TRUE(media.start(std::string(100000, 'm')));
-    media.hold(true);
+    media.hold(true);  // the player buffers until media arrives, then plays by the clock
     // The URL arrives percent-encoded, every byte as the daemon writes it.
     EXPECT_EQ(rv("start_vod&arg1=AirPlayVideo&arg2=http%3A%2F%2F192%2E0%2E2%2E20%3A8080%2Fmedia%2F"
                  "movie%2Emp4&arg3=show&arg4=00.500000"), "0");
     std::string request = media.wait_request(1);
-    EXPECT_TRUE(request.starts_with("GET /media/movie.mp4 HTTP/1.1\r\n")) << request;
-    EXPECT_EQ(zt::header_value(request, "Host"), "192.0.2.20:8080");
+    EXPECT_TRUE(request.starts_with("GET /media/movie.mp4 HTTP/1.1\r\nHost: 192.0.2.20:8080\r\n")) << request;
     EXPECT_EQ(vod("currentStatus") + " " + vod("currentTime"), "buffering 50");
     media.hold(false);
     ASSERT_TRUE(zt::wait_until([] { return vod("currentStatus") == "play"; }));
@@ -89,8 +88,6 @@ TEST(PlayerSim, RepliesLogsFaultsAndPlaysAVideoByTheClock) {
     EXPECT_EQ(rv("set_time_seek_vod&arg1=00:01:05"), "0");
     std::this_thread::sleep_for(1200ms);  // a paused clock must not move meanwhile
     EXPECT_EQ(vod("currentStatus") + " " + vod("currentTime"), "pause 65");
-    EXPECT_EQ(rv("resume_vod"), "0");
-    EXPECT_TRUE(zt::wait_until([] { return std::stol(vod("currentTime")) >= 66; }));
     EXPECT_EQ(rv("stop_vod"), "0");
     EXPECT_EQ(vod("currentStatus") + " " + vod("currentTime"), "stop 0");
 }
