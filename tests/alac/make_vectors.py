@@ -94,8 +94,7 @@ def caf_frame(data):
         end = len(data) if size < 0 else pos + 12 + size
         chunks[data[pos:pos + 4]], pos = data[pos + 12:end], end
     pakt, kuki = chunks[b"pakt"], chunks[b"kuki"]
-    if struct.unpack(">q", pakt[:8])[0] != 1:
-        raise ValueError("expected one frame per chunk")
+    assert struct.unpack(">q", pakt[:8])[0] == 1, "one frame per chunk"
     size, pos = 0, 24  # after packet count, valid frames, priming and remainder frames
     while True:
         size, pos = (size << 7) | (pakt[pos] & 0x7F), pos + 1
@@ -108,8 +107,7 @@ def caf_frame(data):
 def strip_size(frame):
     """Clears the has-size bit (bit 19) and removes the 32-bit count after the header."""
     bits = "".join(format(b, "08b") for b in frame)
-    if bits[19] != "1":
-        raise ValueError("frame does not state its size")
+    assert bits[19] == "1", "the frame states its size"
     bits = bits[:19] + "0" + bits[20:23] + bits[55:]
     return bytes(int(bits[i:i + 8], 2) for i in range(0, len(bits), 8))
 
@@ -135,8 +133,7 @@ def make_vector(out_dir, name, bits, channels, full_frames, last, options, seed)
             frame, config = encode_chunk(pcm[start:start + step], bits, channels, options, workdir)
             if start + step <= len(pcm):
                 frame = strip_size(frame)
-            if len(frame) > 2048:
-                raise ValueError("%s: a %d-byte frame does not fit a packet" % (name, len(frame)))
+            assert len(frame) <= 2048, "%s: a %d-byte frame fits no packet" % (name, len(frame))
             stream += struct.pack(">I", len(frame)) + frame
             if fmtp is None:
                 (_, version, depth, pb, mb, kb, chans, _, max_bytes, avg_rate, rate) = \

@@ -1,16 +1,15 @@
-// player_sim as the daemon sees it: its reply, the command log, faults on demand, a video whose
-// status follows a real fetch and the wall clock, PCM recorded from the FIFO into a WAV file,
-// and a clean end on SIGTERM. The daemon's own tests use all of it; these pin what they do not.
+// player_sim as the daemon sees it: its reply, the command log, faults on demand, PCM recorded
+// from the FIFO into a WAV file, and a clean end on SIGTERM. Its video clock and fetches are
+// pinned by the video and proxy tests, which read both through the daemon.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <thread>
+#include <regex>
 
 #include "support/box.h"
-#include "support/media_server.h"
 
 namespace {
 
@@ -22,22 +21,19 @@ std::string ask(const std::string& target) {
     c.send("GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1:8008\r\n\r\n");
     return c.recv_all(15s);
 }
-// The text between "<tag>" (or "tag=" in /sim/state) and the next '<' or line end.
+// The text after "<tag>" (or "tag=" in /sim/state) up to the next '<' or line end.
 std::string field(const std::string& reply, const std::string& tag) {
-    bool xml = reply.find('<') != std::string::npos;
-    std::string key = xml ? "<" + tag + ">" : tag + "=";
-    size_t p = reply.find(key);
-    if (p == std::string::npos) return "<absent>";
-    p += key.size();
-    return reply.substr(p, reply.find(xml ? '<' : '\n', p) - p);
+    std::smatch m;
+    const std::regex after("(<" + tag + ">|(?:^|\n)" + tag + "=)([^<\n]*)");
+    return std::regex_search(reply, m, after) ? m.str(2) : "<absent>";
 }
 std::string rv(const std::string& cmd) { return field(ask("/playback?arg0=" + cmd), "returnValue"); }
 std::string vod(const std::string& tag) { return field(ask("/playback?arg0=get_current_vod_info"), tag); }
 std::string aod() { return field(ask("/playback?arg0=get_current_aod_info"), "currentStatus"); }
 
-TEST(PlayerSim, RepliesLogsFaultsAndPlaysAVideoByTheClock) {
+TEST(PlayerSim, RepliesLogsAndFaultsOnDemand) {
     zt::Box box;
-    ASSERT_TRUE(box.start_player({"--refuse", "stop_pod", "--vod-status", "unknown", "--duration", "100"}));
+    ASSERT_TRUE(box.start_player({"--refuse", "stop_pod", "--vod-status", "unknown"}));
     EXPECT_EQ(ask("/system?arg0=set_system_volume&arg1=-15%2E5"),
               "HTTP/1.1 200 OK\r\nContent-Type: text/xml\r\nContent-Length: 91\r\n"
               "Connection: close\r\n\r\n<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<response>\n"
@@ -71,25 +67,7 @@ TEST(PlayerSim, RepliesLogsFaultsAndPlaysAVideoByTheClock) {
     EXPECT_GE(std::chrono::steady_clock::now() - t0, 1500ms);
 
     box.sim("/sim/reset");
-    zt::MediaFileServer media;
-    ASSERT_TRUE(media.start(std::string(100000, 'm')));
-    media.hold(true);  // the player buffers until media arrives, then plays by the clock
-    // The URL arrives percent-encoded, every byte as the daemon writes it.
-    EXPECT_EQ(rv("start_vod&arg1=AirPlayVideo&arg2=http%3A%2F%2F192%2E0%2E2%2E20%3A8080%2Fmedia%2F"
-                 "movie%2Emp4&arg3=show&arg4=00.500000"), "0");
-    std::string request = media.wait_request(1);
-    EXPECT_TRUE(request.starts_with("GET /media/movie.mp4 HTTP/1.1\r\nHost: 192.0.2.20:8080\r\n")) << request;
-    EXPECT_EQ(vod("currentStatus") + " " + vod("currentTime"), "buffering 50");
-    media.hold(false);
-    ASSERT_TRUE(zt::wait_until([] { return vod("currentStatus") == "play"; }));
-    EXPECT_EQ(vod("totalTime") + " " + vod("seekEnable"), "100 true");
-    EXPECT_TRUE(zt::wait_until([] { return std::stol(vod("currentTime")) >= 52; }));
-    EXPECT_EQ(rv("pause_vod"), "0");
-    EXPECT_EQ(rv("set_time_seek_vod&arg1=00:01:05"), "0");
-    std::this_thread::sleep_for(1200ms);  // a paused clock must not move meanwhile
-    EXPECT_EQ(vod("currentStatus") + " " + vod("currentTime"), "pause 65");
-    EXPECT_EQ(rv("stop_vod"), "0");
-    EXPECT_EQ(vod("currentStatus") + " " + vod("currentTime"), "stop 0");
+    EXPECT_EQ(vod("currentStatus"), "stop");
 }
 
 std::string le32(uint32_t v) { return {char(v), char(v >> 8), char(v >> 16), char(v >> 24)}; }

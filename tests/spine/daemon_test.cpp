@@ -49,18 +49,15 @@ size_t count(const std::string& text, const std::string& needle) {
 struct Tricklers {
     std::atomic<bool> stop{false};
     std::vector<zt::Client> peers;
-    std::vector<std::thread> threads;
+    std::thread thread;
     Tricklers() {
         for (int port : {7000, 5000, 4000}) peers.push_back(zt::Client::connect("127.0.0.1", port));
-        for (auto& c : peers)
-            threads.emplace_back([this, &c] {
-                while (!stop && c.send("G")) std::this_thread::sleep_for(500ms);
-            });
+        thread = std::thread([this] {
+            for (; !stop; std::this_thread::sleep_for(500ms))
+                for (auto& c : peers) c.send("G");
+        });
     }
-    ~Tricklers() {
-        stop = true;
-        for (auto& t : threads) t.join();
-    }
+    ~Tricklers() { stop = true, thread.join(); }
 };
 
 TEST(Daemon, OneStartServesEveryPortThroughStalledGarbledAndPipelinedPeers) {

@@ -35,23 +35,36 @@ struct Reader {
     }
 };
 
-TEST(ReadRequest, PiecesClosesAndLimits) {
-    const std::string get = "GET /server-info HTTP/1.1\r\nHost: box\r\n\r\n";
-    const std::string post = "POST /play HTTP/1.1\r\nContent-Length: 250\r\n\r\n", half = get.substr(0, 31);
+TEST(ReadRequest, PiecesClosesLimitsAndContentLengthMatchedExactly) {
+    const std::string get = "GET /server-info HTTP/1.1\r\nHost: box\r\n\r\n", half = get.substr(0, 31);
+    const std::string post = "POST /play HTTP/1.1\r\nContent-Length: 250\r\n\r\n", b100(100, 'b');
     const std::string nul("GET /a\0b HTTP/1.1\r\n\r\n", 21), endless = "GET /" + std::string(6000, 'a');
-    const struct {
+    const std::string closed = "Read from sockfd failed(0) from sockfd(";
+    struct Case {
         std::vector<std::string> pieces;  // each arrives as its own read
         bool close;                       // the peer closes after the last piece
         int result, content_length;
-        std::string head, body, log;      // log: a line it contains
-    } cases[] = {
+        std::string head, body, log;  // log: a line it contains
+    };
+    std::vector<Case> cases = {
         {{get.substr(0, 19), get.substr(19, 18), get.substr(37)}, false, int(get.size()), 0, get, "", ""},
-        {{post + std::string(100, 'b')}, false, int(post.size()) + 100, 250, post, std::string(100, 'b'), ""},
-        {{endless}, false, 5119, 0, endless.substr(0, 5119), "", "Read from sockfd failed(0) from sockfd("},
+        {{post + b100}, false, int(post.size()) + 100, 250, post, b100, ""},
+        {{endless}, false, 5119, 0, endless.substr(0, 5119), "", closed},
         {{half}, true, 31, 0, half, "", ""},
-        {{}, true, 0, 0, "", "", "Read from sockfd failed(0) from sockfd("},
+        {{}, true, 0, 0, "", "", closed},
         {{nul}, false, -1, 0, "", "", "NUL byte"},
     };
+    const std::pair<const char*, int> lengths[] = {
+        {"content-length: 12", 0},                    // lower case is another header
+        {"Content-Length:    42", 42},                // blanks skipped
+        {"Content-Length: abc", 0},                   // not a number
+        {"Content-Length: 17xyz", 17},                // digits up to the first non-digit
+        {"Content-Length: 99999999999", 0x7fffffff},  // saturates, never wraps negative
+    };
+    for (const auto& [header, length] : lengths) {
+        const std::string request = std::string("POST /x HTTP/1.1\r\n") + header + "\r\n\r\n";
+        cases.push_back({{request}, false, int(request.size()), length, request, "", ""});
+    }
     for (const auto& c : cases) {
         Reader r;
         std::thread peer([&] {
@@ -81,20 +94,7 @@ TEST(ReadRequest, PiecesClosesAndLimits) {
     }
 }
 
-TEST(ReadRequest, ContentLengthIsMatchedExactlyAndPipelinedBytesWaitForTheNextRead) {
-    const std::pair<const char*, int> cases[] = {
-        {"content-length: 12", 0},                    // lower case is another header
-        {"Content-Length:    42", 42},                // blanks skipped
-        {"Content-Length: abc", 0},                   // not a number
-        {"Content-Length: 17xyz", 17},                // digits up to the first non-digit
-        {"Content-Length: 99999999999", 0x7fffffff},  // saturates, never wraps negative
-    };
-    for (const auto& [header, expected] : cases) {
-        Reader r;
-        ASSERT_TRUE(r.pair.send(std::string("POST /x HTTP/1.1\r\n") + header + "\r\n\r\n"));
-        ASSERT_GT(r.read(), 0) << header;
-        EXPECT_EQ(r.msg->content_length, expected) << header;
-    }
+TEST(ReadRequest, PipelinedBytesWaitForTheNextReadAndNeverCountAsBody) {
     Reader r;
     const std::string post = "POST /play HTTP/1.1\r\nContent-Length: 4\r\n\r\nbody";
     const std::string second = "GET /playback-info HTTP/1.1\r\n\r\n";
