@@ -1,11 +1,10 @@
 #!/usr/bin/env python3
 """tests/alac/make_vectors.py [OUTPUT_DIR]: the ALAC streams of tests/data/alac/ from fixed PCM.
 
-ffmpeg only encodes (ALAC is lossless: the oracle is the source PCM). It writes 4096-sample
-frames whatever -frame_size says, so each 352-sample chunk is encoded alone and its frame loses
-the stated sample count, as a 352-sample encoder writes it; a short last chunk keeps it. Per
-vector: NAME.frames (frames behind 4-byte big-endian lengths), NAME.pcm (the source, little-
-endian, interleaved), and in vectors.txt: NAME BITS CHANNELS FRAMES SAMPLES and the SDP fmtp."""
+ffmpeg only encodes (lossless: the oracle is the source PCM), 4096-sample frames whatever
+-frame_size says, so each 352-sample chunk is encoded alone and loses its stated sample count
+unless it is the short last one. Writes NAME.frames (behind 4-byte big-endian lengths), NAME.pcm
+and vectors.txt (NAME BITS CHANNELS FRAMES SAMPLES FMTP0..FMTP11)."""
 
 import math
 import os
@@ -49,8 +48,7 @@ class Lcg:  # a fixed 32-bit generator, so the PCM never depends on the Python v
         return (self.next() >> 8) % (2 * amplitude + 1) - amplitude
 
 
-def segment(kind, n, bits, channel, rng, start):
-    """n samples of one channel (None: mono) of a passage starting at sample index start."""
+def segment(kind, n, bits, channel, rng, start):  # n samples of one channel (mono: None)
     full = (1 << (bits - 1)) - 1
     sine = lambda freq, t: math.sin(2 * math.pi * freq * t / RATE)
     wave = {
@@ -69,8 +67,7 @@ def segment(kind, n, bits, channel, rng, start):
     return [max(-full - 1, min(full, int(wave(i, start + i)))) for i in range(n)]
 
 
-def make_pcm(total, bits, channels, seed):
-    """Interleaved samples, little-endian; passage lengths do not align with frames."""
+def make_pcm(total, bits, channels, seed):  # passage lengths do not align with frames
     rng = Lcg(seed)
     chans = [[] for _ in range(channels)]
     pos = index = 0
@@ -86,8 +83,7 @@ def make_pcm(total, bits, channels, seed):
     return b"".join(struct.pack("<i", s)[:3] for s in samples)
 
 
-def caf_frame(data):
-    """The one packet of a CAF file and its ALAC configuration (24 bytes)."""
+def caf_frame(data):  # the one packet of a CAF file and its ALAC configuration
     chunks, pos = {}, 8
     while pos + 12 <= len(data):
         (size,) = struct.unpack(">q", data[pos + 4:pos + 12])
@@ -104,8 +100,7 @@ def caf_frame(data):
     return chunks[b"data"][4:4 + size], kuki[at + 8:at + 32] if at >= 0 else kuki[:24]
 
 
-def strip_size(frame):
-    """Clears the has-size bit (bit 19) and removes the 32-bit count after the header."""
+def strip_size(frame):  # clears the has-size bit (19) and drops the count after the header
     bits = "".join(format(b, "08b") for b in frame)
     assert bits[19] == "1", "the frame states its size"
     bits = bits[:19] + "0" + bits[20:23] + bits[55:]
@@ -118,12 +113,10 @@ def encode_chunk(pcm, bits, channels, options, workdir):
     subprocess.run(["ffmpeg", "-hide_banner", "-loglevel", "error", "-y", "-f",
                     "s16le" if bits == 16 else "s24le", "-ar", str(RATE), "-ac", str(channels),
                     "-i", chunk_pcm, "-c:a", "alac"] + options + [chunk_caf], check=True)
-    with open(chunk_caf, "rb") as f:
-        return caf_frame(f.read())
+    return caf_frame(open(chunk_caf, "rb").read())
 
 
-def make_vector(out_dir, name, bits, channels, full_frames, last, options, seed):
-    """Writes NAME.frames and NAME.pcm; returns the vector's line of vectors.txt."""
+def make_vector(out_dir, name, bits, channels, full_frames, last, options, seed):  # a manifest line
     total = full_frames * FRAME + last
     pcm = make_pcm(total, bits, channels, seed)
     step = FRAME * channels * bits // 8
@@ -139,11 +132,11 @@ def make_vector(out_dir, name, bits, channels, full_frames, last, options, seed)
                 (_, version, depth, pb, mb, kb, chans, _, max_bytes, avg_rate, rate) = \
                     struct.unpack(">IBBBBBBHIII", config)
                 assert depth == bits and chans == channels, (depth, chans)
-                fmtp = [96, FRAME, version, depth, pb, mb, kb, chans, 255, max_bytes, avg_rate, rate]
+                fmtp = [96, FRAME, version, depth, pb, mb, kb, chans, 255, max_bytes, avg_rate,
+                        rate]
     open(os.path.join(out_dir, name + ".frames"), "wb").write(stream)
     open(os.path.join(out_dir, name + ".pcm"), "wb").write(pcm)
     frames = full_frames + (1 if last else 0)
-    print("%-22s %3d frames, %6d bytes of frames" % (name, frames, len(stream)))
     return "%s %d %d %d %d %s" % (name, bits, channels, frames, total, " ".join(map(str, fmtp)))
 
 
