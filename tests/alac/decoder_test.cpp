@@ -68,6 +68,7 @@ TEST(AlacRice, ValuesEscapesTheSteppedBackBitAndZerosPastTheEnd) {
     // Escape: nine ones, then `size` bits verbatim, with no terminating zero.
     EXPECT_EQ(rice(bit_writer().bits("111111111").put(0xFFFFFFFE, 32), 32, 5, ~0u), got(-2, 41));
     EXPECT_EQ(rice(bit_writer().bits("110 101"), 16, 3, 3), got(10, 6));    // 2 * (7 & 3) + 5 - 1
+    EXPECT_EQ(rice(bit_writer().bits("110 1"), 16, 1, ~0u), got(2, 3));   // k = 1: the ones alone
     // Extra bits ending on a byte boundary: the step back crosses into the previous byte.
     EXPECT_EQ(rice(bit_writer().bits("1110 0001 1"), 16, 4, ~0u), got(45, 7));
     // The bit reader: bits past the end read as zeros, a rewind stops at the frame's start.
@@ -77,6 +78,7 @@ TEST(AlacRice, ValuesEscapesTheSteppedBackBitAndZerosPastTheEnd) {
     EXPECT_EQ(bit_reader_get(d.get(), 13), 0b1010010100111u);
     EXPECT_EQ(bit_reader_get_bit(d.get()), 1);
     EXPECT_EQ(bit_reader_get_long(d.get(), 32), 0u);
+    EXPECT_EQ(bit_reader_get_bit(d.get()), 0);
     bit_reader_rewind(d.get(), 100);
     EXPECT_EQ(bits_read(d.get()), 0u);
 }

@@ -49,7 +49,6 @@ TEST(PlayerSim, RepliesLogsAndFaultsOnDemand) {
     auto cmds = box.commands();
     ASSERT_EQ(cmds.size(), 9u) << "control requests are not player commands";
     EXPECT_EQ(cmds[5].target, "/playback?arg0=set_time_seek_vod&arg1=123:04:05");
-    EXPECT_LE(cmds[0].time_ms, cmds.back().time_ms);
     box.sim("/sim/refuse?cmd=pause_vod&count=1");
     box.sim("/sim/close?cmd=resume_vod&count=1");
     EXPECT_EQ(rv("pause_vod"), "-1");  // refused once
