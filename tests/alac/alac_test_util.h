@@ -12,13 +12,11 @@
 // Builds a bit string most significant bit first; the last byte is padded with zeros.
 class bit_writer {
    public:
-    // The low n bits of value, most significant first.
-    bit_writer& put(uint64_t value, int n) {
+    bit_writer& put(uint64_t value, int n) {  // the low n bits of value
         for (int i = n - 1; i >= 0; --i) bits_.push_back(((value >> i) & 1) != 0);
         return *this;
     }
-    // Bits given as text: '0' and '1' count, anything else (blanks) is ignored.
-    bit_writer& bits(const std::string& text) {
+    bit_writer& bits(const std::string& text) {  // '0' and '1' count, blanks are ignored
         for (char ch : text)
             if (ch == '0' || ch == '1') bits_.push_back(ch == '1');
         return *this;
@@ -31,8 +29,7 @@ class bit_writer {
     }
     std::vector<uint8_t> bytes() const {
         std::vector<uint8_t> out((bits_.size() + 7) / 8, 0);
-        for (size_t i = 0; i < bits_.size(); ++i)
-            if (bits_[i]) out[i / 8] |= uint8_t(0x80 >> (i % 8));
+        for (size_t i = 0; i < bits_.size(); ++i) out[i / 8] |= uint8_t(bits_[i] << (7 - i % 8));
         return out;
     }
 
@@ -50,18 +47,7 @@ inline std::unique_ptr<alac_decoder> make_stream_decoder(const std::vector<int>&
     alac_decoder_set_buffers(d.get());
     return d;
 }
-
 // A two-channel decoder with the usual Rice parameters 40, 10, 14.
 inline std::unique_ptr<alac_decoder> make_test_decoder(int bit_depth, int frame_length) {
     return make_stream_decoder({96, frame_length, 0, bit_depth, 40, 10, 14, 2, 255, 0, 0, 44100});
 }
-
-// Points the decoder's bit reader at bytes, as alac_frame_decode does at a frame's start.
-inline void start_reading(alac_decoder* d, const std::vector<uint8_t>& bytes) {
-    d->input = bytes.data();
-    d->input_size = bytes.size();
-    d->input_pos = 0;
-    d->bit_offset = 0;
-}
-
-inline size_t bits_read(const alac_decoder* d) { return d->input_pos * 8 + d->bit_offset; }

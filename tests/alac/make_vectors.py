@@ -1,19 +1,10 @@
 #!/usr/bin/env python3
-"""Makes the ALAC test streams in tests/data/alac/ from deterministic PCM.
+"""tests/alac/make_vectors.py [OUTPUT_DIR]: the ALAC streams of tests/data/alac/ from fixed PCM.
 
-ffmpeg serves only as the encoder and CAF muxer; nothing is ever decoded by it, and ALAC is
-lossless, so each stream's oracle is the PCM it was made from. ffmpeg 5.1 writes 4096-sample
-frames whatever -frame_size says, so the PCM is cut into 352-sample chunks (an AirTunes frame)
-encoded one by one (see encode_chunk). Each chunk's frame states its sample count; for a full
-chunk the has-size bit is cleared and the count removed, giving the frame a 352-sample encoder
-writes; a short last chunk keeps both, as a real stream's last frame does.
-
-Output per vector NAME: NAME.frames (each frame behind its 4-byte big-endian length), NAME.pcm
-(the source, little-endian, interleaved) and a line in vectors.txt:
-    NAME BITS CHANNELS FRAMES SAMPLES FMTP0 ... FMTP11   (the SDP "a=fmtp:" numbers)
-
-Usage: tests/alac/make_vectors.py [OUTPUT_DIR]   (default: tests/data/alac next to this script)
-"""
+ffmpeg only encodes (lossless: the oracle is the source PCM), 4096-sample frames whatever
+-frame_size says, so each 352-sample chunk is encoded alone and loses its stated sample count
+unless it is the short last one. Writes NAME.frames (behind 4-byte big-endian lengths), NAME.pcm
+and vectors.txt (NAME BITS CHANNELS FRAMES SAMPLES FMTP0..FMTP11)."""
 
 import math
 import os
@@ -26,21 +17,26 @@ FRAME = 352
 RATE = 44100
 
 # name, bits, channels, full frames, samples of the short last frame, encoder options
+def orders(low, high):
+    return ["-min_prediction_order", str(low), "-max_prediction_order", str(high)]
+
+
 VECTORS = [
     ("s16_stereo", 16, 2, 40, 123, []),
-    ("s16_stereo_order30", 16, 2, 16, 200,
-     ["-min_prediction_order", "30", "-max_prediction_order", "30"]),
-    ("s16_stereo_order1_30", 16, 2, 16, 7,
-     ["-min_prediction_order", "1", "-max_prediction_order", "30"]),
+    ("s16_stereo_order30", 16, 2, 16, 200, orders(30, 30)),
+    ("s16_stereo_order1_30", 16, 2, 16, 7, orders(1, 30)),
     ("s16_stereo_verbatim", 16, 2, 6, 50, ["-compression_level", "0"]),
     ("s16_mono", 16, 1, 24, 99, []),
-    ("s24_stereo", 24, 2, 20, 160, ["-min_prediction_order", "1", "-max_prediction_order", "12"]),
+    ("s24_stereo", 24, 2, 20, 160, orders(1, 12)),
     ("s24_mono", 24, 1, 12, 31, []),
 ]
+# Passages in turn: tones and chirps (prediction), silence and hiss (low Rice history, zero
+# runs), full-scale squares, steps, clicks and noise (escapes, wrapping sums).
+PASSAGES = ["tone", "silence", "twotone", "noise", "hiss", "square", "chirp", "steps",
+            "loudnoise", "clicks", "tone"]
 
 
-class Lcg:
-    """A fixed 32-bit generator, so the PCM never depends on the Python version."""
+class Lcg:  # a fixed 32-bit generator, so the PCM never depends on the Python version
     def __init__(self, seed):
         self.state = seed & 0xFFFFFFFF
 
@@ -52,171 +48,96 @@ class Lcg:
         return (self.next() >> 8) % (2 * amplitude + 1) - amplitude
 
 
-def clamp(value, bits):
-    top = (1 << (bits - 1)) - 1
-    return max(-top - 1, min(top, int(value)))
-
-
-def segment(kind, n, bits, channel, rng, start):
-    """n samples of one channel of a passage; start is the passage's first sample index."""
+def segment(kind, n, bits, channel, rng, start):  # n samples of one channel (mono: None)
     full = (1 << (bits - 1)) - 1
-    out = []
-    for i in range(n):
-        t = start + i
-        if kind == "tone":
-            freq = 440.0 if channel == 0 else 660.0
-            v = 0.5 * full * math.sin(2 * math.pi * freq * t / RATE)
-        elif kind == "twotone":  # the same on both channels: decorrelation pays off
-            v = 0.3 * full * (math.sin(2 * math.pi * 1000 * t / RATE) +
-                              math.sin(2 * math.pi * 3100 * t / RATE))
-        elif kind == "chirp":
-            freq = 100.0 + 8000.0 * i / n
-            v = 0.7 * full * math.sin(2 * math.pi * freq * i / RATE + (channel or 0))
-        elif kind == "noise":
-            v = rng.uniform(full >> 4)
-        elif kind == "loudnoise":
-            v = rng.uniform(full if bits == 16 or channel is None else full >> 5)
-        elif kind == "silence":
-            v = 0
-        elif kind == "hiss":  # near silence: Rice history drops low, zero runs appear
-            v = rng.uniform(1) if rng.next() % 7 == 0 else 0
-        elif kind == "square":  # full scale, flipping between the extremes
-            v = full if (t // 50) % 2 == 0 else -full - 1
-        elif kind == "steps":  # abrupt jumps between unrelated levels
-            v = ((t // 37) * 7919 % 2001 - 1000) * full / 1000
-        elif kind == "clicks":
-            v = (full if channel == 0 else -full - 1) if t % 97 == 0 else 0
-        else:
-            raise ValueError(kind)
-        out.append(clamp(v, bits))
-    return out
+    sine = lambda freq, t: math.sin(2 * math.pi * freq * t / RATE)
+    wave = {
+        "tone": lambda i, t: 0.5 * full * sine(440.0 if channel == 0 else 660.0, t),
+        "twotone": lambda i, t: 0.3 * full * (sine(1000, t) + sine(3100, t)),
+        "chirp": lambda i, t: 0.7 * full * math.sin(
+            2 * math.pi * (100.0 + 8000.0 * i / n) * i / RATE + (channel or 0)),
+        "noise": lambda i, t: rng.uniform(full >> 4),
+        "loudnoise": lambda i, t: rng.uniform(full if bits == 16 or channel is None else full >> 5),
+        "silence": lambda i, t: 0,
+        "hiss": lambda i, t: rng.uniform(1) if rng.next() % 7 == 0 else 0,
+        "square": lambda i, t: full if (t // 50) % 2 == 0 else -full - 1,
+        "steps": lambda i, t: ((t // 37) * 7919 % 2001 - 1000) * full / 1000,
+        "clicks": lambda i, t: (full if channel == 0 else -full - 1) if t % 97 == 0 else 0,
+    }[kind]
+    return [max(-full - 1, min(full, int(wave(i, start + i)))) for i in range(n)]
 
 
-PASSAGES = ["tone", "silence", "twotone", "noise", "hiss", "square", "chirp", "steps",
-            "loudnoise", "clicks", "tone"]
-
-
-def make_pcm(total, bits, channels, seed):
-    """Interleaved samples: the passages in turn, lengths chosen not to align with frames."""
+def make_pcm(total, bits, channels, seed):  # passage lengths do not align with frames
     rng = Lcg(seed)
     chans = [[] for _ in range(channels)]
     pos = index = 0
     while pos < total:
-        kind = PASSAGES[index % len(PASSAGES)]
         n = min(total - pos, 211 + (rng.next() >> 16) % 900)
         for c in range(channels):
-            # Mono passes channel None: loud noise is then full scale in 24 bits too.
-            chans[c] += segment(kind, n, bits, c if channels == 2 else None, rng, pos)
-        pos += n
-        index += 1
-    return [chans[c][i] for i in range(total) for c in range(channels)]
-
-
-def pack_pcm(samples, bits):
+            chans[c] += segment(PASSAGES[index % len(PASSAGES)], n, bits,
+                                c if channels == 2 else None, rng, pos)
+        pos, index = pos + n, index + 1
+    samples = [chans[c][i] for i in range(total) for c in range(channels)]
     if bits == 16:
         return struct.pack("<%dh" % len(samples), *samples)
     return b"".join(struct.pack("<i", s)[:3] for s in samples)
 
 
-def caf_chunks(data):
-    """(type, payload) of every chunk of a CAF file."""
-    if data[:4] != b"caff":
-        raise ValueError("not a CAF file")
-    pos = 8
+def caf_frame(data):  # the one packet of a CAF file and its ALAC configuration
+    chunks, pos = {}, 8
     while pos + 12 <= len(data):
-        kind = data[pos:pos + 4]
         (size,) = struct.unpack(">q", data[pos + 4:pos + 12])
-        payload = data[pos + 12:] if size < 0 else data[pos + 12:pos + 12 + size]
-        yield kind, payload
-        pos += 12 + len(payload)
-
-
-def read_varint(data, pos):
-    value = 0
+        end = len(data) if size < 0 else pos + 12 + size
+        chunks[data[pos:pos + 4]], pos = data[pos + 12:end], end
+    pakt, kuki = chunks[b"pakt"], chunks[b"kuki"]
+    assert struct.unpack(">q", pakt[:8])[0] == 1, "one frame per chunk"
+    size, pos = 0, 24  # after packet count, valid frames, priming and remainder frames
     while True:
-        value, pos = (value << 7) | (data[pos] & 0x7F), pos + 1
-        if data[pos - 1] < 0x80:
-            return value, pos
+        size, pos = (size << 7) | (pakt[pos] & 0x7F), pos + 1
+        if pakt[pos - 1] < 0x80:
+            break
+    at = kuki.find(b"alac\0\0\0\0")  # the atom after 'frma'
+    return chunks[b"data"][4:4 + size], kuki[at + 8:at + 32] if at >= 0 else kuki[:24]
 
 
-def caf_frames(data):
-    """The raw packets of a CAF file, and its ALAC configuration (24 bytes)."""
-    chunks = dict(caf_chunks(data))
-    pakt = chunks[b"pakt"]
-    (packets,) = struct.unpack(">q", pakt[:8])
-    sizes = []
-    pos = 24  # packet count, valid frames, priming and remainder frames
-    for _ in range(packets):
-        size, pos = read_varint(pakt, pos)
-        sizes.append(size)
-    audio = chunks[b"data"][4:]  # after the edit count
-    frames = []
-    for size in sizes:
-        frames.append(audio[:size])
-        audio = audio[size:]
-    kuki = chunks[b"kuki"]
-    at = kuki.find(b"alac")
-    while at >= 0 and kuki[at + 4:at + 8] != b"\0\0\0\0":  # the atom after 'frma'
-        at = kuki.find(b"alac", at + 1)
-    config = kuki[at + 8:at + 32] if at >= 0 else kuki[:24]
-    return frames, config
-
-
-def strip_size(frame):
-    """Clears the has-size bit (bit 19) and removes the 32-bit count after the header."""
+def strip_size(frame):  # clears the has-size bit (19) and drops the count after the header
     bits = "".join(format(b, "08b") for b in frame)
-    if bits[19] != "1":
-        raise ValueError("frame does not state its size")
+    assert bits[19] == "1", "the frame states its size"
     bits = bits[:19] + "0" + bits[20:23] + bits[55:]
     return bytes(int(bits[i:i + 8], 2) for i in range(0, len(bits), 8))
 
 
 def encode_chunk(pcm, bits, channels, options, workdir):
-    chunk_pcm = os.path.join(workdir, "chunk.pcm")
-    chunk_caf = os.path.join(workdir, "chunk.caf")
+    chunk_pcm, chunk_caf = os.path.join(workdir, "chunk.pcm"), os.path.join(workdir, "chunk.caf")
     open(chunk_pcm, "wb").write(pcm)
-    fmt = "s16le" if bits == 16 else "s24le"
-    subprocess.run(["ffmpeg", "-hide_banner", "-loglevel", "error", "-y", "-f", fmt,
-                    "-ar", str(RATE), "-ac", str(channels), "-i", chunk_pcm, "-c:a", "alac"] +
-                   options + [chunk_caf], check=True)
-    with open(chunk_caf, "rb") as f:
-        frames, config = caf_frames(f.read())
-    if len(frames) != 1:
-        raise ValueError("expected one frame per chunk, got %d" % len(frames))
-    return frames[0], config
+    subprocess.run(["ffmpeg", "-hide_banner", "-loglevel", "error", "-y", "-f",
+                    "s16le" if bits == 16 else "s24le", "-ar", str(RATE), "-ac", str(channels),
+                    "-i", chunk_pcm, "-c:a", "alac"] + options + [chunk_caf], check=True)
+    return caf_frame(open(chunk_caf, "rb").read())
 
 
-def fmtp_line(config, bits, channels):
-    """The SDP fmtp numbers of the stream, from the encoder's configuration."""
-    (_, version, depth, pb, mb, kb, chans, _, max_bytes, avg_rate, rate) = struct.unpack(
-        ">IBBBBBBHIII", config)
-    assert depth == bits and chans == channels, (depth, chans)
-    return [96, FRAME, version, depth, pb, mb, kb, chans, 255, max_bytes, avg_rate, rate]
-
-
-def make_vector(out_dir, name, bits, channels, full_frames, last, options, seed, manifest):
+def make_vector(out_dir, name, bits, channels, full_frames, last, options, seed):  # a manifest line
     total = full_frames * FRAME + last
-    samples = make_pcm(total, bits, channels, seed)
-    pcm = pack_pcm(samples, bits)
+    pcm = make_pcm(total, bits, channels, seed)
     step = FRAME * channels * bits // 8
-    stream = bytearray()
-    fmtp = None
+    stream, fmtp = bytearray(), None
     with tempfile.TemporaryDirectory() as workdir:
         for start in range(0, len(pcm), step):
-            frame, config = encode_chunk(pcm[start:start + step], bits, channels, options,
-                                         workdir)
+            frame, config = encode_chunk(pcm[start:start + step], bits, channels, options, workdir)
             if start + step <= len(pcm):
                 frame = strip_size(frame)
-            if len(frame) > 2048:
-                raise ValueError("%s: a %d-byte frame does not fit a packet" % (name, len(frame)))
+            assert len(frame) <= 2048, "%s: a %d-byte frame fits no packet" % (name, len(frame))
             stream += struct.pack(">I", len(frame)) + frame
-            fmtp = fmtp or fmtp_line(config, bits, channels)
+            if fmtp is None:
+                (_, version, depth, pb, mb, kb, chans, _, max_bytes, avg_rate, rate) = \
+                    struct.unpack(">IBBBBBBHIII", config)
+                assert depth == bits and chans == channels, (depth, chans)
+                fmtp = [96, FRAME, version, depth, pb, mb, kb, chans, 255, max_bytes, avg_rate,
+                        rate]
     open(os.path.join(out_dir, name + ".frames"), "wb").write(stream)
     open(os.path.join(out_dir, name + ".pcm"), "wb").write(pcm)
     frames = full_frames + (1 if last else 0)
-    manifest.append("%s %d %d %d %d %s" % (name, bits, channels, frames, total,
-                                           " ".join(str(v) for v in fmtp)))
-    print("%-22s %3d frames, %6d bytes of frames" % (name, frames, len(stream)))
+    return "%s %d %d %d %d %s" % (name, bits, channels, frames, total, " ".join(map(str, fmtp)))
 
 
 def main():
@@ -227,8 +148,8 @@ def main():
                              check=True).stdout.splitlines()[0]
     manifest = ["# Made by tests/alac/make_vectors.py with " + version,
                 "# name bits channels frames samples fmtp0..fmtp11"]
-    for seed, (name, bits, channels, full_frames, last, options) in enumerate(VECTORS, 1):
-        make_vector(out_dir, name, bits, channels, full_frames, last, options, seed, manifest)
+    for seed, vector in enumerate(VECTORS, 1):
+        manifest.append(make_vector(out_dir, *vector, seed))
     with open(os.path.join(out_dir, "vectors.txt"), "w") as f:
         f.write("\n".join(manifest) + "\n")
 

@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
-#include <string>
 #include <thread>
 
 #include "support/support.h"
@@ -18,88 +17,77 @@ namespace {
 
 // Accepts one connection, keeps the request it got, sends `reply` and, if `hang`, stays
 // silent until destroyed; otherwise closes.
-class FakeService {
-   public:
-    explicit FakeService(std::string reply, bool hang = false) {
-        listen_fd_ = zt::listen_on("127.0.0.1", 8008);
-        thread_ = std::thread([this, reply, hang] {
-            zt::Client c(zt::accept_one(listen_fd_, std::chrono::seconds(15)));
-            if (!c.ok()) return;
-            connected = true;
-            received = c.recv_message(std::chrono::seconds(5));
-            c.send(reply);
-            if (hang) zt::wait_until([&] { return done.load(); }, std::chrono::seconds(20));
-        });
-    }
-    ~FakeService() {
-        done = true;
-        ::shutdown(listen_fd_, SHUT_RDWR);
-        thread_.join();
-        ::close(listen_fd_);
-    }
+struct FakeService {
+    int listen_fd = zt::listen_on("127.0.0.1", 8008);
     std::atomic<bool> connected{false}, done{false};
     std::string received;
-
-   private:
-    int listen_fd_ = -1;
-    std::thread thread_;
-};
-
-struct Exchange {
-    std::unique_ptr<net_exchange> x = std::make_unique<net_exchange>();
-    Exchange() { net_exchange_clear(x.get()); }
-    int send(const std::string& url = "http://127.0.0.1:8008/playback?arg0=stop_vod") {
-        std::snprintf(x->player_request.body, sizeof(x->player_request.body), "%s", url.c_str());
-        return cs_request_with_response(&x->player_request, x.get());
+    std::thread thread;
+    FakeService(const std::string& reply, bool hang)
+        : thread([this, reply, hang] {
+              zt::Client c(zt::accept_one(listen_fd, std::chrono::seconds(15)));
+              if (!(connected = c.ok())) return;
+              received = c.recv_message(std::chrono::seconds(5));
+              c.send(reply);
+              if (hang) zt::wait_until([&] { return done.load(); }, std::chrono::seconds(20));
+          }) {}
+    ~FakeService() {
+        done = true;
+        ::shutdown(listen_fd, SHUT_RDWR);
+        thread.join();
+        ::close(listen_fd);
     }
 };
 
-TEST(PlayerClient, JudgesEveryKindOfReply) {
+// Sends url through a fresh exchange; the exchange's reply record in *x.
+int send(const std::string& url, std::unique_ptr<net_exchange>* x) {
+    *x = std::make_unique<net_exchange>();
+    net_exchange_clear(x->get());
+    std::strcpy((*x)->player_reply.body, "untouched");
+    std::snprintf((*x)->player_request.body, sizeof((*x)->player_request.body), "%s", url.c_str());
+    return cs_request_with_response(&(*x)->player_request, x->get());
+}
+const std::string kStop = "http://127.0.0.1:8008/playback?arg0=stop_vod";
+
+TEST(PlayerClient, JudgesEveryKindOfReplyGivesUpOnSilenceAndRefusesMalformedUrls) {
+    std::unique_ptr<net_exchange> x;
+    EXPECT_EQ(send(kStop, &x), -1);  // nobody listens
+    EXPECT_FALSE(player_command_ok(x.get()));
+    {
+        FakeService service("", false);
+        for (const char* url :
+             {"", "http://127.0.0.1/x", "127.0.0.1:8008/x", "http://127.0.0.1:8008"}) {
+            EXPECT_EQ(send(url, &x), -1) << url;
+            EXPECT_STREQ(x->player_reply.body, "untouched") << url;
+        }
+        EXPECT_FALSE(service.connected);
+    }
     const std::string ok = "HTTP/1.1 200 OK\r\n\r\n<returnValue>0</returnValue>";
-    const std::string no = "HTTP/1.1 200 OK\r\n\r\n<returnValue>-1</returnValue>";
     const std::string start = "HTTP/1.1 200 OK\r\n\r\n<returnValue>0<";
-    struct Case {
+    const struct {
         std::string reply;
         bool hang;
         int length;  // the reply length the client keeps
         bool ok;
     } cases[] = {
         {ok, false, int(ok.size()), true},
-        {no, false, int(no.size()), false},                   // refused
-        {"", false, 0, false},                                 // closed without a word
+        {"HTTP/1.1 200 OK\r\n\r\n<returnValue>-1</returnValue>", false, 48, false},  // refused
+        {"", false, 0, false},                                                     // closed at once
         {start + std::string(5119 - start.size(), 'p'), false, 5119, true},
         {start + std::string(6000, 'p'), false, 5119, true},  // cut at 5119 bytes
         {start, true, 0, false},                              // a start, then silence
     };
-    for (const Case& c : cases) {
-        Exchange e;
+    for (const auto& c : cases) {
         FakeService service(c.reply, c.hang);
-        EXPECT_EQ(e.send(), 0) << c.reply.size();
-        EXPECT_EQ(e.x->player_reply.content_length, c.length) << c.reply.size();
-        EXPECT_EQ(std::string(e.x->player_reply.body), c.reply.substr(0, size_t(c.length)));
-        EXPECT_EQ(player_command_ok(e.x.get()), c.ok) << c.reply.size();
-        service.done = true;
+        EXPECT_EQ(send(kStop, &x), 0) << c.reply.size();
+        EXPECT_EQ(x->player_reply.content_length, c.length) << c.reply.size();
+        EXPECT_EQ(std::string(x->player_reply.body), c.reply.substr(0, size_t(c.length)));
+        EXPECT_EQ(player_command_ok(x.get()), c.ok) << c.reply.size();
         if (c.reply == ok) {  // the request, byte for byte
             EXPECT_EQ(service.received,
                       "GET /playback?arg0=stop_vod HTTP/1.1\r\nUser-Agent: Wget/1.11.2\r\n"
                       "Accept: */*\r\nHost: 127.0.0.1:8008\r\nConnection: Keep-Alive\r\n\r\n");
         }
     }
-}
-
-TEST(PlayerClient, MalformedUrlsAndAServiceDownFailWithMinusOne) {
-    Exchange down;
-    EXPECT_EQ(down.send(), -1);
-    EXPECT_FALSE(player_command_ok(down.x.get()));
-    FakeService service("");
-    for (const char* url : {"", "http://127.0.0.1/playback?arg0=stop_vod", "127.0.0.1:8008/x",
-                            "http://127.0.0.1:8008"}) {
-        Exchange e;
-        std::strcpy(e.x->player_reply.body, "untouched");
-        EXPECT_EQ(e.send(url), -1) << url;
-        EXPECT_STREQ(e.x->player_reply.body, "untouched") << url;
-    }
-    EXPECT_FALSE(service.connected);
 }
 
 }  // namespace
