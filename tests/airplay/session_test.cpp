@@ -27,12 +27,18 @@ const std::string kPlistHead =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST "
     "1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\r\n<plist version=\"1.0\">\r\n";
 
-// The reply with its Date value replaced by "<date>", so the rest compares byte for byte.
+// The reply with its Date value replaced by "<date>", so the rest compares byte for byte;
+// left as it is unless it reads like "Mon, 02 Jan 2006 15:04:05 UTC".
 std::string without_date(const std::string& reply) {
     size_t at = reply.find("\r\nDate: ");
     size_t end = at == std::string::npos ? at : reply.find("\r\n", at + 8);
-    return end == std::string::npos ? reply
-                                    : reply.substr(0, at + 8) + "<date>" + reply.substr(end);
+    tm t{};
+    const char* zone = end == std::string::npos
+                           ? nullptr
+                           : strptime(reply.c_str() + at + 8, "%a, %d %b %Y %H:%M:%S ", &t);
+    return zone != nullptr && zone < reply.c_str() + end
+               ? reply.substr(0, at + 8) + "<date>" + reply.substr(end)
+               : reply;
 }
 
 std::string framed(const std::string& type, const std::string& body,
@@ -92,10 +98,13 @@ TEST_F(Session, RepliesByteForByte) {
         "\r\n" + range +
         "\r\n</dict>\r\n</array>\r\n<key>playbackBufferEmpty</key> <true/>\r\n"
         "<key>playbackBufferFull</key> <false/>\r\n<key>playbackLikelyToKeepUp</key> <true/>\r\n"
-        "<key>position</key> " + zero +
+        "<key>position</key> " +
+        zero +
         "\r\n<key>rate</key> <real>0</real>\r\n<key>readyToPlay</key> <true/>\r\n"
-        "<key>seekableTimeRanges</key>\r\n<array>\r\n<dict>\r\n<key>duration</key>\r\n" + zero +
-        "\r\n<key>start</key>\r\n<real>0.0</real>\r\n</dict>\r\n</array>\r\n</dict>\r\n</plist>\r\n";
+        "<key>seekableTimeRanges</key>\r\n<array>\r\n<dict>\r\n<key>duration</key>\r\n" +
+        zero +
+        "\r\n<key>start</key>\r\n<real>0.0</real>\r\n</dict>\r\n</array>\r\n</dict>\r\n</"
+        "plist>\r\n";
     const std::string error_log = "<BINARY PLIST DATA>\r\n" + kPlistHead +
                                   "<dict>\r\n<key>errorCode</key>\r\n<integer>0</integer>\r\n"
                                   "<key>value</key>\r\n</dict>\r\n</plist>\r\n";
@@ -112,9 +121,6 @@ TEST_F(Session, RepliesByteForByte) {
         {"GET /scrub HTTP/1.1\r\n\r\n",
          framed("text/parameters", "duration: 0.000000\r\nposition: 0.000000\r\n")},
         {"POST /getProperty?playbackErrorLog HTTP/1.1\r\n\r\n", framed(binary, error_log)},
-        {"GET /nothing-here HTTP/1.1\r\n\r\n", not_implemented},
-        {"POST /fp-setup HTTP/1.1\r\nContent-Length: 0\r\n\r\n", not_implemented},
-        {"OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n", not_implemented},
         {"GET /server-inf\r\n\r\n", not_implemented},  // a prefix of a known request
         {"\x01\xff\x80POST /\xfe\r\n\r\n", not_implemented},
         // The reverse connection; no video was started, so no event comes on it.
@@ -135,37 +141,39 @@ TEST_F(Session, RepliesByteForByte) {
     EXPECT_EQ(logged[1], logged[0]);
     EXPECT_EQ(logged[2], logged[1] + 1);
     EXPECT_TRUE(c.closed_by_peer());
-    // The Date reads like "Mon, 02 Jan 2006 15:04:05 UTC".
-    std::string date = zt::header_value(VideoSender::request(server_info()), "Date");
-    tm parsed{};
-    const char* rest = strptime(date.c_str(), "%a, %d %b %Y %H:%M:%S", &parsed);
-    EXPECT_TRUE(rest != nullptr && rest[0] == ' ' && rest[1] != '\0') << date;
     EXPECT_TRUE(box_.wait_log(kFence + "\n" + error_log + kFence + "\n"));
 
     // The access log: its date is the current UTC time, and the body goes to the log too.
     time_t before = time(nullptr);
     std::string access = VideoSender::request(kAccessLog);
-    date = zt::plist_value(zt::body_of(access), "date");
-    rest = strptime(date.c_str(), "%Y-%m-%dT%H:%M:%S", &parsed);
+    std::string date = zt::plist_value(zt::body_of(access), "date");
+    tm parsed{};
+    const char* rest = strptime(date.c_str(), "%Y-%m-%dT%H:%M:%S", &parsed);
     ASSERT_TRUE(rest != nullptr && std::string(rest) == "Z") << date;
     EXPECT_GE(timegm(&parsed), before);
     EXPECT_LE(timegm(&parsed), time(nullptr));
     std::string items;
     for (auto [key, value] : std::vector<std::pair<std::string, std::string>>{
-             {"bytes", "<integer>0</integer>"}, {"c-duration-downloaded", "<real>0</real>"},
-             {"c-duration-watched", zero}, {"c-frames-dropped", "<integer>0</integer>"},
+             {"bytes", "<integer>0</integer>"},
+             {"c-duration-downloaded", "<real>0</real>"},
+             {"c-duration-watched", zero},
+             {"c-frames-dropped", "<integer>0</integer>"},
              {"c-observed-bitrate", "<real>14598047.302367469</real>"},
-             {"c-overdue", "<integer>0</integer>"}, {"c-stalls", "<integer>0</integer>"},
+             {"c-overdue", "<integer>0</integer>"},
+             {"c-stalls", "<integer>0</integer>"},
              {"c-start-time", "<real>0.0</real>"},
              {"c-startup-time", "<real>0.27732497453689575</real>"},
-             {"cs-guid", "<string>" + kNoSession + "</string>"}, {"date", "<date>" + date + "</date>"},
-             {"s-ip", "<string>192.168.0.90</string>"}, {"s-ip-changes", "<integer>0</integer>"},
-             {"sc-count", "<integer>7</integer>"}, {"uri", "<string></string>"}})
+             {"cs-guid", "<string>" + kNoSession + "</string>"},
+             {"date", "<date>" + date + "</date>"},
+             {"s-ip", "<string>192.168.0.90</string>"},
+             {"s-ip-changes", "<integer>0</integer>"},
+             {"sc-count", "<integer>7</integer>"},
+             {"uri", "<string></string>"}})
         items += "<key>" + key + "</key> " + value + "\r\n";
     const std::string access_body = "<BINARY PLIST DATA>\r\n" + kPlistHead +
                                     "<dict>\r\n<key>errorCode</key>\r\n<integer>0</integer>\r\n"
-                                    "<key>value</key>\r\n<array>\r\n<dict>\r\n" + items +
-                                    "</dict>\r\n</array>\r\n</dict>\r\n</plist>\r\n";
+                                    "<key>value</key>\r\n<array>\r\n<dict>\r\n" +
+                                    items + "</dict>\r\n</array>\r\n</dict>\r\n</plist>\r\n";
     EXPECT_EQ(without_date(access), framed(binary, access_body));
     EXPECT_TRUE(box_.wait_log(kFence + "\n" + access_body + kFence + "\n"));
 }
@@ -197,8 +205,9 @@ TEST_F(Session, SessionIdsAndRepeatedPlays) {
     VideoSender::request(request);
     EXPECT_EQ(logged_guid(), request.substr(request.find(':') + 2, 36));
     // A name at the very end of a full header block takes what is there, perhaps nothing.
-    for (auto [tail, guid] : {std::pair<std::string, std::string>{"X-Apple-Session-ID: 12345", "12345"},
-                              {"X-Apple-Session-ID:", kNoSession}}) {
+    for (auto [tail, guid] :
+         {std::pair<std::string, std::string>{"X-Apple-Session-ID: 12345", "12345"},
+          {"X-Apple-Session-ID:", kNoSession}}) {
         std::string full = "GET /server-info HTTP/1.1\r\n";
         full += std::string(5119 - full.size() - tail.size(), 'a') + tail;
         EXPECT_EQ(zt::status_code(VideoSender::request(full)), 200) << tail;
@@ -210,10 +219,6 @@ TEST_F(Video, EventsFollowThePlayerOnTheReverseConnectionOnly) {
     Client control = VideoSender::connect();
     ASSERT_EQ(zt::status_code(ask(control, server_info())), 200);
     play();
-    // One start per session.
-    EXPECT_EQ(VideoSender::post("/play"), 200);
-    EXPECT_TRUE(box_.wait_log("found second request sets, ommit second one"));
-    EXPECT_EQ(box_.count("start_vod"), 1u);
     // Nothing before the reverse connection, on any connection.
     force("buffering");
     ASSERT_TRUE(zt::let_monitor_poll(box_));
@@ -229,10 +234,11 @@ TEST_F(Video, EventsFollowThePlayerOnTheReverseConnectionOnly) {
         "<dict>\r\n<key>category</key>\r\n<string>video</string>\r\n<key>sessionID</key>\r\n"
         "<integer>1</integer>\r\n<key>state</key>\r\n<string>playing</string>\r\n</dict>\r\n"
         "</plist>\r\n\r\n";
-    EXPECT_EQ(sender_.reverse.recv_message(std::chrono::seconds(10)),
-              "POST /event HTTP/1.1\r\nContent-Type: application/x-apple-plist\r\nContent-Length: " +
-                  std::to_string(body.size()) + "\r\nX-Apple-Session-ID: " + kNoSession +
-                  "\r\n\r\n" + body);
+    EXPECT_EQ(
+        sender_.reverse.recv_message(std::chrono::seconds(10)),
+        "POST /event HTTP/1.1\r\nContent-Type: application/x-apple-plist\r\nContent-Length: " +
+            std::to_string(body.size()) + "\r\nX-Apple-Session-ID: " + kNoSession + "\r\n\r\n" +
+            body);
     // A sender answers each event; the daemon takes the answer and says nothing.
     ASSERT_TRUE(sender_.reverse.send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
     EXPECT_TRUE(box_.wait_log("received common HTTP response, zor_airplay does not process it"));
@@ -254,7 +260,8 @@ TEST_F(Video, EventsFollowThePlayerOnTheReverseConnectionOnly) {
     for (int tries = 0; tries < 5 && !newcomer.ok(); ++tries) {
         size_t before = occurrences(box_.daemon_log(), accepted);
         Client c = VideoSender::connect();
-        ASSERT_TRUE(zt::wait_until([&] { return occurrences(box_.daemon_log(), accepted) > before; }));
+        ASSERT_TRUE(
+            zt::wait_until([&] { return occurrences(box_.daemon_log(), accepted) > before; }));
         (last_accepted() == reverse_fd ? newcomer : others.emplace_back()) = std::move(c);
     }
     ASSERT_TRUE(newcomer.ok()) << "the descriptor was not reused; the check would prove nothing";
@@ -297,7 +304,8 @@ TEST_F(Video, ASenderThatStopsReadingHoldsUpNoPollAndGetsNoHalfEvent) {
         ASSERT_EQ(data.compare(at, n, start, 0, n), 0) << "event " << whole << " was cut";
         size_t end = data.find("\r\n\r\n", at);
         if (end == std::string::npos) break;
-        at = end + 4 + std::stoul(zt::header_value(data.substr(at, end + 4 - at), "Content-Length"));
+        at =
+            end + 4 + std::stoul(zt::header_value(data.substr(at, end + 4 - at), "Content-Length"));
         whole += at <= data.size();
     }
     EXPECT_GT(whole, 0u);

@@ -124,8 +124,8 @@ TEST(BplistReader, MalformedBodiesGiveNothing) {
         {"top object outside", patched(-9, 100), outside},
         {"offset outside", past, outside},
         {"count beyond the body", build_bplist({"\xdf\x12\x7f\xff\xff\xff"}), outside},
-        {"string beyond the body",
-         build_bplist({dict, key, std::string("\x5f\x12\0\0\x10\0h", 7)}), outside},
+        {"string beyond the body", build_bplist({dict, key, std::string("\x5f\x12\0\0\x10\0h", 7)}),
+         outside},
         {"reference beyond the objects", build_bplist({"\xd1\x01\x40", key}), outside},
         {"fill value", build_bplist({dict, key, "\x0f"}), "0"},
         {"16-byte integer", build_bplist({"\x14" + std::string(16, '\x07')}),
@@ -134,8 +134,8 @@ TEST(BplistReader, MalformedBodiesGiveNothing) {
         {"counts of counts", build_bplist({counts}), "count is not an integer"},
         {"dictionary in itself", build_bplist({std::string("\xd1\x01\0", 3), "\x51k"}),
          "nesting deeper than 32"},
-        {"dictionary in itself twice",
-         build_bplist({std::string("\xd2\x01\x01\0\0", 5), "\x51k"}), "nesting deeper than 32"},
+        {"dictionary in itself twice", build_bplist({std::string("\xd2\x01\x01\0\0", 5), "\x51k"}),
+         "nesting deeper than 32"},
         {"41 levels", zt::load_bplist("deep_too_far"), "nesting deeper than 32"},
     };
     for (int field : {-26, -25})  // the trailer's offset and reference sizes

@@ -44,11 +44,6 @@ size_t thread_count(pid_t pid) {
 class VideoPlay : public ::testing::Test {
    protected:
     void SetUp() override { ASSERT_TRUE(media_.start(std::string(4096, 'v'))); }
-    std::vector<std::string> starts() const {
-        std::vector<std::string> out;
-        for (const auto& c : zt::commands_named(box_, "start_vod")) out.push_back(c.target);
-        return out;
-    }
     // A video plays, and the monitor has seen it: scrubs are taken from here on.
     bool playing() {
         return box_.start({"--duration", "7200"}) && sender_.new_session() &&
@@ -97,17 +92,16 @@ TEST_F(VideoPlay, StartCommands) {
         ASSERT_TRUE(sender_.new_session());
         EXPECT_EQ(zt::status_code(sender_.play(c.type, c.body, c.split)), 200) << c.start;
         ASSERT_TRUE(box_.wait_command("start_vod", ++n)) << c.start;
-        EXPECT_EQ(starts().back(), kStart + c.start);
+        EXPECT_EQ(zt::commands_named(box_, "start_vod").back().target, kStart + c.start);
         EXPECT_TRUE(n > 1 || sender_.wait_event("playing")) << box_.daemon_log();
     }
-    EXPECT_TRUE(box_.wait_log("s->content : http://192.0.2.20:8080/media/movie one.mp4"));
     // The player refuses a start: 500, and the next start goes through.
     box_.sim("/sim/refuse?cmd=start_vod&count=1");
     ASSERT_TRUE(sender_.new_session());
     EXPECT_EQ(sender_.play_status(kBinary, load_bplist("simple")), 500);
     ASSERT_TRUE(sender_.new_session());
     EXPECT_EQ(sender_.play_status(kBinary, load_bplist("simple")), 200);
-    EXPECT_EQ(starts().size(), n + 2);
+    EXPECT_EQ(box_.count("start_vod"), n + 2);
 }
 
 TEST_F(VideoPlay, BodiesThatPlayNothing) {
@@ -129,8 +123,6 @@ TEST_F(VideoPlay, BodiesThatPlayNothing) {
         {kText, "Content-Location: http://h/" + std::string(2000, '/') + "\n", -1, 500},
         // Found nowhere a dictionary reaches, not usable or malformed: nothing to play, yet 200.
         {kBinary, "", -1, 200},
-        {kBinary, load_bplist("in_array"), -1, 200},
-        {kBinary, load_bplist("utf16_other"), -1, 200},
         {kBinary, load_bplist("no_location"), -1, 200},
         {kBinary, simple.substr(0, 39), -1, 200},
         {kBinary, load_bplist("deep_too_far"), -1, 200},
@@ -145,7 +137,7 @@ TEST_F(VideoPlay, BodiesThatPlayNothing) {
     for (const char* line : {"Invalid socket read", "does not fit the start command",
                              "malformed body (nesting deeper than 32)", "fposition: 0.300000"})
         EXPECT_TRUE(box_.wait_log(line)) << line;
-    EXPECT_TRUE(starts().empty());
+    EXPECT_EQ(box_.count("start_vod"), 0u);
     EXPECT_EQ(zt::status_code(VideoSender::request("GET /playback-info HTTP/1.1\r\n\r\n")), 200);
 }
 
@@ -153,31 +145,30 @@ TEST_F(VideoPlay, RequestsToPlayerCommands) {
     ASSERT_TRUE(playing()) << box_.daemon_log();
     box_.sim("/sim/force?vod=play");  // the player plays on whatever it is told
     const std::string r0 = "/rate?value=0.000000", r1 = "/rate?value=1.000000";
+    const std::string seek = "set_time_seek_vod&arg1=";
     const struct {
         Names requests;
-        const char* sent;  // the one command, "" for none
-        std::string seek;  // the seek's time text
-        bool held;         // a pause is held back two seconds by design
+        std::string sent;   // the one command's arguments, "" for none
+        bool held = false;  // a pause is held back two seconds by design
     } cases[] = {
-        {{r0}, "pause_vod", "", true},
-        {{r0, r1}, "resume_vod", "", false},  // a resume within the pause's wait replaces it
-        {{r1}, "resume_vod", "", false},      // with nothing to coalesce it goes out at once
-        {{r0, "/scrub?position=75.500000", r1}, "set_time_seek_vod", "00:01:15", false},
+        {{r0}, "pause_vod", true},
+        {{r0, r1}, "resume_vod"},  // a resume within the pause's wait replaces it
+        {{r1}, "resume_vod"},      // with nothing to coalesce it goes out at once
+        {{r0, "/scrub?position=75.500000", r1}, seek + "00:01:15"},
         // A scrub during a pause waits a second more; the last target wins.
         {{r0, "/scrub?position=100.000000", "/scrub?position=3725.200000"},
-         "set_time_seek_vod",
-         "01:02:05",
+         seek + "01:02:05",
          true},
         // A scrub alone seeks at once. Positions truncate toward zero; hours of 100 and more
         // take the digits they need, negatives count as 0, and numbers beyond the int range
         // are clamped to it.
-        {{"/scrub?position=12.900000"}, "set_time_seek_vod", "00:00:12", false},
-        {{"/scrub?position=360059"}, "set_time_seek_vod", "100:00:59", false},
-        {{"/scrub?position=-5"}, "set_time_seek_vod", "00:00:00", false},
-        {{"/scrub?position=1e300"}, "set_time_seek_vod", "596523:14:07", false},
-        {{"/scrub?position=nan"}, "set_time_seek_vod", "00:00:00", false},
+        {{"/scrub?position=12.900000"}, seek + "00:00:12"},
+        {{"/scrub?position=360059"}, seek + "100:00:59"},
+        {{"/scrub?position=-5"}, seek + "00:00:00"},
+        {{"/scrub?position=1e300"}, seek + "596523:14:07"},
+        {{"/scrub?position=nan"}, seek + "00:00:00"},
         // Requests without their value fail and close their connection; nothing is sent.
-        {{"/scrub", "/rate"}, "", "", false},
+        {{"/scrub", "/rate"}, ""},
     };
     Names expected{"start_vod"};
     for (const auto& c : cases) {
@@ -186,14 +177,13 @@ TEST_F(VideoPlay, RequestsToPlayerCommands) {
         for (const std::string& r : c.requests)
             EXPECT_EQ(VideoSender::post(r), r.find('?') == std::string::npos ? 500 : 200) << r;
         long long last = now_ms();
-        if (*c.sent == '\0') continue;
-        expected.push_back(c.sent);
+        if (c.sent.empty()) continue;
         ASSERT_TRUE(zt::wait_until([&] { return zt::commands_named(box_).size() > before; }));
         zt::PlayerCommand sent = zt::commands_named(box_)[before];
-        EXPECT_EQ(sent.name, c.sent);
+        expected.push_back(sent.name);
+        EXPECT_EQ(sent.target, "/playback?arg0=" + c.sent);
         // A command meant to go at once may reach the player before the reply reaches us.
         EXPECT_TRUE(!c.held || sent.time_ms - last >= 950) << sent.time_ms - last;
-        EXPECT_EQ(sent.target, c.seek.empty() ? sent.target : kSeek + c.seek);
     }
     // Lets the seek thread's longest wait run out: a command it wrongly held back, or sent
     // besides the one expected, would be there by now.
@@ -208,9 +198,9 @@ TEST_F(VideoPlay, RequestsToPlayerCommands) {
     EXPECT_EQ(sender_.play_status(kText, "Start-Position: 0.3\n"), 200);
     size_t seeks = zt::commands_named(box_, "set_time_seek_vod").size();
     ASSERT_TRUE(box_.wait_command("set_time_seek_vod", seeks + 1, std::chrono::seconds(20)));
-    zt::PlayerCommand seek = zt::commands_named(box_, "set_time_seek_vod").back();
-    EXPECT_EQ(seek.target, kSeek + "00:00:30");
-    EXPECT_GE(seek.time_ms - t0, 2900);  // the monitor lets the player settle for 3 s
+    zt::PlayerCommand sought = zt::commands_named(box_, "set_time_seek_vod").back();
+    EXPECT_EQ(sought.target, kSeek + "00:00:30");
+    EXPECT_GE(sought.time_ms - t0, 2900);  // the monitor lets the player settle for 3 s
 
     // A scrub while the player shows a pause sends nothing.
     box_.sim("/sim/force?vod=pause");
@@ -245,7 +235,8 @@ TEST_F(VideoPlay, ABurstOfRatesAgainstALatePlayerKeepsOneSeekThread) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     long long sent = now_ms();
-    EXPECT_TRUE(zt::wait_until([&] { return thread_count(pid) == idle; }, std::chrono::seconds(30)));
+    EXPECT_TRUE(
+        zt::wait_until([&] { return thread_count(pid) == idle; }, std::chrono::seconds(30)));
     done = true;
     watch.join();
     EXPECT_LE(most, idle + 1) << "more than one seek thread";

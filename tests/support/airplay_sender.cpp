@@ -6,10 +6,6 @@
 
 namespace zt {
 
-std::string ask(Client& c, const std::string& request) {
-    return c.send(request) ? c.recv_message() : std::string();
-}
-
 std::string plist_value(const std::string& body, const std::string& key) {
     size_t at = body.find("<key>" + key + "</key>");
     if (at == std::string::npos) return {};
@@ -18,10 +14,6 @@ std::string plist_value(const std::string& body, const std::string& key) {
     return open == std::string::npos || close == std::string::npos
                ? std::string()
                : body.substr(open + 1, close - open - 1);
-}
-
-std::string load_bplist(const std::string& name) {
-    return read_file(source_dir() + "/tests/airplay_video/bplists/" + name + ".bplist");
 }
 
 std::vector<PlayerCommand> commands_named(const Box& box, const std::string& name) {
@@ -35,19 +27,6 @@ std::vector<std::string> control_names(const Box& box) {
     std::vector<std::string> out;
     for (auto& c : commands_named(box)) out.push_back(c.name);
     return out;
-}
-
-bool let_monitor_poll(const Box& box, size_t polls) {
-    return box.wait_command("get_current_vod_info", box.count("get_current_vod_info") + polls);
-}
-
-std::string VideoSender::request(const std::string& r) {
-    Client c = connect();
-    return ask(c, r);
-}
-
-int VideoSender::post(const std::string& target) {
-    return status_code(request("POST " + target + " HTTP/1.1\r\nContent-Length: 0\r\n\r\n"));
 }
 
 bool VideoSender::new_session() {
