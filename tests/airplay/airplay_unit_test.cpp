@@ -10,7 +10,6 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -54,20 +53,15 @@ class PairTest : public ::testing::Test {
    protected:
     void SetUp() override {
         std::signal(SIGPIPE, SIG_IGN);
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds_), 0);
         daemon_init_session(&g_daemon.session);
         video_record_change([](video_record& r) { r = video_record{}; });
     }
-    void TearDown() override {
-        g_daemon.session.event_socket = 0;
-        close(fds_[0]);
-        if (fds_[1] >= 0) close(fds_[1]);
-    }
+    void TearDown() override { g_daemon.session.event_socket = 0; }
     // What the sender's end has received so far.
     std::string drain() {
         std::string out;
         char buf[8192];
-        for (ssize_t n; (n = recv(fds_[1], buf, sizeof(buf), MSG_DONTWAIT)) > 0;)
+        for (ssize_t n; (n = recv(pair_.peer, buf, sizeof(buf), MSG_DONTWAIT)) > 0;)
             out.append(buf, n);
         return out;
     }
@@ -80,7 +74,7 @@ class PairTest : public ::testing::Test {
             out.push_back(zt::plist_value(data.substr(at), "state"));
         return out;
     }
-    int fds_[2] = {-1, -1};
+    zt::SocketPair pair_;  // sock: the daemon's end, peer: the sender's
 };
 
 using PlaybackEvent = PairTest;
@@ -93,18 +87,17 @@ TEST_F(PlaybackEvent, CategoryFollowsWhatIsShownAndNeedsAReverseConnection) {
         return zt::plist_value(zt::body_of(drain()), "category");
     };
     EXPECT_EQ(send_playback_event_xml(&g_daemon.session, "playing"), -1);  // none yet
-    airplay_events_attach(&g_daemon.session, fds_[0]);
+    airplay_events_attach(&g_daemon.session, pair_.sock);
     EXPECT_EQ(category(kActivityVideo, "playing"), "video");
     EXPECT_EQ(category(kActivityVideo | kActivityPhoto, "paused"), "photo");
     testing::internal::CaptureStdout();
     EXPECT_EQ(category(0, "stopped"), "video");
     // The sender has gone: the connection is dropped and forgotten, with one line naming it.
-    close(fds_[1]);
-    fds_[1] = -1;
+    pair_.close_peer();
     EXPECT_EQ(send_playback_event_xml(&g_daemon.session, "paused"), -1);
     std::string log = testing::internal::GetCapturedStdout();
     EXPECT_NE(log.find("WARNING : no current media type, force video\n"), std::string::npos);
-    EXPECT_NE(log.find("unable to send out(" + std::to_string(fds_[0]) + ")"), std::string::npos)
+    EXPECT_NE(log.find("unable to send out(" + std::to_string(pair_.sock) + ")"), std::string::npos)
         << log;
     EXPECT_EQ(g_daemon.session.event_socket, 0);
 }
@@ -119,10 +112,9 @@ TEST_F(DispatchValues, PlaybackInfoScrubAndAccessLogFollowTheVideo) {
             r.video_status.position = position;
             r.video_status.duration = duration;
         });
-        std::string full = request + " HTTP/1.1\r\n\r\n";
-        send(fds_[1], full.data(), full.size(), 0);
+        pair_.send(request + " HTTP/1.1\r\n\r\n");
         net_conn conn;
-        conn_open(&conn, fds_[0], 0);
+        conn_open(&conn, pair_.sock, 0);
         EXPECT_EQ(airplay_dispatch(&g_daemon.session, &conn), 200) << request;
         return zt::body_of(drain());
     };
@@ -157,7 +149,7 @@ class Monitor : public PairTest {
             r.video_started = 1;
             ++r.starts;
         });
-        airplay_events_attach(&g_daemon.session, fds_[0]);
+        airplay_events_attach(&g_daemon.session, pair_.sock);
     }
     static int poll() { return airplay_video_monitor(&g_daemon.session); }
     size_t queries() const { return box_.count("get_current_vod_info"); }
@@ -200,7 +192,7 @@ TEST_F(Monitor, StatesFromStartToEnd) {
     EXPECT_TRUE(stays_busy()) << "a video shown keeps the main loop busy";
     g_daemon.session.event_socket = 0;
     step(refuse, 1);  // while playing without a reverse connection: nothing changes
-    airplay_events_attach(&g_daemon.session, fds_[0]);
+    airplay_events_attach(&g_daemon.session, pair_.sock);
     step("force?vod=stop", 4, {"stopped"});
     step("", 4);  // a stopped video is still followed
     EXPECT_FALSE(stays_busy());
@@ -224,24 +216,20 @@ TEST_F(Monitor, AStartRacingAPollEndsStarted) {
     std::thread polls([&] {
         while (!done) poll();
     });
-    const std::string body = "Content-Location: http://192.0.2.20:8080/m.mp4\n";
-    const std::string head =
-        "POST /play HTTP/1.1\r\nContent-Type: text/parameters\r\nContent-Length: " +
-        std::to_string(body.size()) + "\r\n\r\n";
+    const std::string play =
+        "POST /play HTTP/1.1\r\nContent-Type: text/parameters\r\nContent-Length: 47\r\n\r\n"
+        "Content-Location: http://192.0.2.20:8080/m.mp4\n";
     for (int i = 0; i < 20; ++i) {
         video_record_change([](video_record& r) {
             r.video_status = {1, 1, 0, 0, 0};
             r.video_started = 1;
         });
-        auto x = std::make_unique<net_exchange>();
-        std::memcpy(x->request.head, head.data(), head.size());
-        std::memcpy(x->request.body, body.data(), body.size());
-        x->request.header_len = static_cast<int>(head.size());
-        x->request.content_length = static_cast<int>(body.size());
+        std::snprintf(g_daemon.session.session_id, 37, "%036d", i);  // a new session each time
+        pair_.send(play);
         net_conn conn;
-        conn_open(&conn, fds_[0], 0);  // the body came whole with the head: never read
-        ASSERT_EQ(airplay_video_start(&conn, static_cast<int>(head.size() + body.size()), x.get()),
-                  0);
+        conn_open(&conn, pair_.sock, 0);
+        ASSERT_EQ(airplay_dispatch(&g_daemon.session, &conn), 200);
+        drain();
         EXPECT_EQ(video_record_copy().video_status.last_status, 0) << i;
         size_t asked = queries();
         ASSERT_TRUE(zt::wait_until([&] { return queries() >= asked + 2; }));
