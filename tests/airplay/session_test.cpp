@@ -91,20 +91,16 @@ using Video = Session;
 
 TEST_F(Session, RepliesByteForByte) {
     const std::string plist = "text/x-apple-plist+xml", binary = "application/x-apple-binary-plist";
-    const std::string zero = "<real>0.000000</real>", range = "<key>start</key> <real>0.0</real>";
     const std::string info =
-        kPlistHead + "<dict>\r\n<key>duration</key> " + zero +
-        "\r\n<key>loadedTimeRanges</key>\r\n<array>\r\n<dict>\r\n<key>duration</key> " + zero +
-        "\r\n" + range +
-        "\r\n</dict>\r\n</array>\r\n<key>playbackBufferEmpty</key> <true/>\r\n"
+        kPlistHead +
+        "<dict>\r\n<key>duration</key> <real>0.000000</real>\r\n<key>loadedTimeRanges</key>\r\n"
+        "<array>\r\n<dict>\r\n<key>duration</key> <real>0.000000</real>\r\n<key>start</key> "
+        "<real>0.0</real>\r\n</dict>\r\n</array>\r\n<key>playbackBufferEmpty</key> <true/>\r\n"
         "<key>playbackBufferFull</key> <false/>\r\n<key>playbackLikelyToKeepUp</key> <true/>\r\n"
-        "<key>position</key> " +
-        zero +
-        "\r\n<key>rate</key> <real>0</real>\r\n<key>readyToPlay</key> <true/>\r\n"
-        "<key>seekableTimeRanges</key>\r\n<array>\r\n<dict>\r\n<key>duration</key>\r\n" +
-        zero +
-        "\r\n<key>start</key>\r\n<real>0.0</real>\r\n</dict>\r\n</array>\r\n</dict>\r\n</"
-        "plist>\r\n";
+        "<key>position</key> <real>0.000000</real>\r\n<key>rate</key> <real>0</real>\r\n"
+        "<key>readyToPlay</key> <true/>\r\n<key>seekableTimeRanges</key>\r\n<array>\r\n<dict>\r\n"
+        "<key>duration</key>\r\n<real>0.000000</real>\r\n<key>start</key>\r\n<real>0.0</real>\r\n"
+        "</dict>\r\n</array>\r\n</dict>\r\n</plist>\r\n";
     const std::string error_log = "<BINARY PLIST DATA>\r\n" + kPlistHead +
                                   "<dict>\r\n<key>errorCode</key>\r\n<integer>0</integer>\r\n"
                                   "<key>value</key>\r\n</dict>\r\n</plist>\r\n";
@@ -152,28 +148,20 @@ TEST_F(Session, RepliesByteForByte) {
     ASSERT_TRUE(rest != nullptr && std::string(rest) == "Z") << date;
     EXPECT_GE(timegm(&parsed), before);
     EXPECT_LE(timegm(&parsed), time(nullptr));
-    std::string items;
-    for (auto [key, value] : std::vector<std::pair<std::string, std::string>>{
-             {"bytes", "<integer>0</integer>"},
-             {"c-duration-downloaded", "<real>0</real>"},
-             {"c-duration-watched", zero},
-             {"c-frames-dropped", "<integer>0</integer>"},
-             {"c-observed-bitrate", "<real>14598047.302367469</real>"},
-             {"c-overdue", "<integer>0</integer>"},
-             {"c-stalls", "<integer>0</integer>"},
-             {"c-start-time", "<real>0.0</real>"},
-             {"c-startup-time", "<real>0.27732497453689575</real>"},
-             {"cs-guid", "<string>" + kNoSession + "</string>"},
-             {"date", "<date>" + date + "</date>"},
-             {"s-ip", "<string>192.168.0.90</string>"},
-             {"s-ip-changes", "<integer>0</integer>"},
-             {"sc-count", "<integer>7</integer>"},
-             {"uri", "<string></string>"}})
-        items += "<key>" + key + "</key> " + value + "\r\n";
-    const std::string access_body = "<BINARY PLIST DATA>\r\n" + kPlistHead +
-                                    "<dict>\r\n<key>errorCode</key>\r\n<integer>0</integer>\r\n"
-                                    "<key>value</key>\r\n<array>\r\n<dict>\r\n" +
-                                    items + "</dict>\r\n</array>\r\n</dict>\r\n</plist>\r\n";
+    const std::string access_body =
+        "<BINARY PLIST DATA>\r\n" + kPlistHead +
+        "<dict>\r\n<key>errorCode</key>\r\n<integer>0</integer>\r\n<key>value</key>\r\n<array>\r\n"
+        "<dict>\r\n<key>bytes</key> <integer>0</integer>\r\n<key>c-duration-downloaded</key> "
+        "<real>0</real>\r\n<key>c-duration-watched</key> <real>0.000000</real>"
+        "\r\n<key>c-frames-dropped</key> <integer>0</integer>\r\n<key>c-observed-bitrate</key> "
+        "<real>14598047.302367469</real>\r\n<key>c-overdue</key> <integer>0</integer>\r\n"
+        "<key>c-stalls</key> <integer>0</integer>\r\n<key>c-start-time</key> <real>0.0</real>\r\n"
+        "<key>c-startup-time</key> <real>0.27732497453689575</real>\r\n<key>cs-guid</key> "
+        "<string>" +
+        kNoSession + "</string>\r\n<key>date</key> <date>" + date +
+        "</date>\r\n<key>s-ip</key> <string>192.168.0.90</string>\r\n<key>s-ip-changes</key> "
+        "<integer>0</integer>\r\n<key>sc-count</key> <integer>7</integer>\r\n<key>uri</key> "
+        "<string></string>\r\n</dict>\r\n</array>\r\n</dict>\r\n</plist>\r\n";
     EXPECT_EQ(without_date(access), framed(binary, access_body));
     EXPECT_TRUE(box_.wait_log(kFence + "\n" + access_body + kFence + "\n"));
 }
