@@ -53,12 +53,6 @@ std::string server_info(const std::string& id = "") {
            (id.empty() ? "" : "X-Apple-Session-ID: " + id + "\r\n") + "Content-Length: 0\r\n\r\n";
 }
 
-size_t occurrences(const std::string& s, const std::string& text) {
-    size_t n = 0;
-    for (size_t at = s.find(text); at != std::string::npos; at = s.find(text, at + 1)) ++n;
-    return n;
-}
-
 class Session : public ::testing::Test {
    protected:
     void SetUp() override { ASSERT_TRUE(box_.start({"--duration", "120"})); }
@@ -131,7 +125,7 @@ TEST_F(Session, RepliesByteForByte) {
     std::vector<size_t> logged;  // the requests logged after each reply
     for (const auto& [request, reply] : cases) {
         EXPECT_EQ(without_date(ask(c, request)), reply) << request;
-        logged.push_back(occurrences(box_.daemon_log(), "AIRPLAY RECEIVED"));
+        logged.push_back(zt::occurrences(box_.daemon_log(), "AIRPLAY RECEIVED"));
     }
     // The one request that is not logged: senders poll it every second.
     EXPECT_EQ(logged[1], logged[0]);
@@ -182,7 +176,7 @@ TEST_F(Session, SessionIdsAndRepeatedPlays) {
     EXPECT_EQ(VideoSender::post("/stop"), 200);
     EXPECT_EQ(logged_guid(), kNoSession);
     EXPECT_EQ(zt::status_code(VideoSender::request(play)), 200);
-    EXPECT_TRUE(zt::wait_until([&] { return occurrences(box_.daemon_log(), repeat) == 2; }));
+    EXPECT_TRUE(zt::wait_until([&] { return zt::occurrences(box_.daemon_log(), repeat) == 2; }));
     EXPECT_TRUE(zt::commands_named(box_, "start_vod").empty());
 
     // The id is always the 36 characters after the name: without a blank after the colon
@@ -242,10 +236,10 @@ TEST_F(Video, EventsFollowThePlayerOnTheReverseConnectionOnly) {
     std::vector<Client> others;
     const std::string accepted = "airplay_thread new socket ";
     for (int tries = 0; tries < 5 && !newcomer.ok(); ++tries) {
-        size_t before = occurrences(box_.daemon_log(), accepted);
+        size_t before = zt::occurrences(box_.daemon_log(), accepted);
         Client c = VideoSender::connect();
         ASSERT_TRUE(
-            zt::wait_until([&] { return occurrences(box_.daemon_log(), accepted) > before; }));
+            zt::wait_until([&] { return zt::occurrences(box_.daemon_log(), accepted) > before; }));
         (last_accepted() == reverse_fd ? newcomer : others.emplace_back()) = std::move(c);
     }
     ASSERT_TRUE(newcomer.ok()) << "the descriptor was not reused; the check would prove nothing";
