@@ -209,6 +209,7 @@ TEST_F(Monitor, AStartRacingAPollEndsStarted) {
     // a change, racing each POST /play. Whatever the order, once the start is accepted the
     // record is Started, and a stop the player still shows keeps it so.
     box_.sim("/sim/force?vod=stop");
+    box_.sim("/sim/delay?cmd=get_current_vod_info&ms=20");  // a start lands within most polls
     std::atomic<bool> done{false};
     std::thread polls([&] {
         while (!done) poll();
