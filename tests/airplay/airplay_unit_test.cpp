@@ -44,6 +44,9 @@ TEST(VideoParseInfo, Table) {
         EXPECT_EQ((std::vector<int>{vs.status, vs.seek_enabled, vs.duration, vs.position}), fields)
             << text.substr(0, 60);
     }
+    video_status_record vs{7, 7, 7, 3, 7};
+    airplay_video_parse_info(nullptr, &vs);  // no reply: the record stays as it was
+    EXPECT_EQ(vs.duration, 3);
 }
 
 class PairTest : public ::testing::Test {
@@ -158,11 +161,11 @@ class Monitor : public PairTest {
         EXPECT_EQ(queries(), asked + 1) << what;  // a started video is always followed
         EXPECT_EQ(events(), sent) << what;
     }
-    // One pass of the main loop after its busy countdown ran out: whether it stays busy.
+    // One pass of the main loop once its busy countdown has run out: whether it stays busy.
     static bool stays_busy() {
         g_daemon.pipe_fd = -1;
         g_daemon.poll_interval_us = kPollBusyUs;
-        int countdown = 1;
+        int countdown = 0;
         daemon_poll_pass(&countdown);
         return g_daemon.poll_interval_us == kPollBusyUs;
     }
