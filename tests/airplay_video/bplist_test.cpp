@@ -1,7 +1,7 @@
 // The binary property-list reader against bodies written by Python's plistlib
-// (tests/airplay_video/bplists, made by make_bplists.py) and against broken bodies.
-// Every body is parsed from a heap buffer of exactly its length, so a read past the end
-// is caught by AddressSanitizer in the sanitizer build.
+// (tests/airplay_video/bplists, made by make_bplists.py) and against broken bodies. Every
+// body is parsed from a heap buffer of exactly its length, so a read past the end is caught
+// by AddressSanitizer in the sanitizer build.
 #include "tools/decipher/bplist.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "airplay_video/bplist_bodies.h"
+#include "support/airplay_sender.h"
 
 namespace {
 
@@ -24,7 +24,6 @@ struct Found {
 // Parses a private copy of exactly the body's size and reports what the reader found.
 Found parse(const std::string& body) {
     std::vector<char> copy(body.begin(), body.end());
-    const std::vector<char> before = copy;
     char* end = reinterpret_cast<char*>(1);
     Found f;
     testing::internal::CaptureStdout();
@@ -32,7 +31,7 @@ Found parse(const std::string& body) {
                                         static_cast<uint32_t>(copy.size()), &end, &f.position);
     f.log = testing::internal::GetCapturedStdout();
     f.found = content != nullptr;
-    f.changed = copy != before;
+    f.changed = copy != std::vector<char>(body.begin(), body.end());
     if (content != nullptr) {
         EXPECT_TRUE(content >= copy.data() && end >= content && end <= copy.data() + copy.size());
         f.content.assign(content, end);
@@ -40,6 +39,21 @@ Found parse(const std::string& body) {
         EXPECT_EQ(end, nullptr);
     }
     return f;
+}
+
+// Objects in order from byte 8, then the offset table (one byte each), then the trailer.
+std::string build_bplist(const std::vector<std::string>& objects) {
+    std::string body = "bplist00", table;
+    for (const std::string& o : objects) {
+        table += static_cast<char>(body.size());
+        body += o;
+    }
+    std::string trailer(32, '\0');
+    trailer[6] = trailer[7] = 1;
+    trailer[15] = static_cast<char>(objects.size());
+    trailer[30] = static_cast<char>(body.size() >> 8);  // the table follows the objects
+    trailer[31] = static_cast<char>(body.size());
+    return body + table + trailer;
 }
 
 // What plistlib's bodies yield: the location ("" when none is found) and the position.
@@ -76,12 +90,11 @@ TEST(BplistReader, WrittenBodies) {
         std::string body = zt::load_bplist(c.name);
         ASSERT_FALSE(body.empty()) << c.name;
         Found f = parse(body);
-        EXPECT_EQ(f.found, !c.content.empty()) << c.name;
         EXPECT_EQ(f.content, c.content) << c.name;
         EXPECT_FLOAT_EQ(f.position, c.position) << c.name;
         EXPECT_NE(f.log.find(c.log), std::string::npos) << c.name << "\n" << f.log;
         // The caller's buffer is read in place and, ASCII text, left as it was.
-        EXPECT_TRUE(std::string(c.name) == "utf16_ascii" || !f.changed) << c.name;
+        EXPECT_EQ(f.changed, std::string(c.name) == "utf16_ascii") << c.name;
         EXPECT_TRUE(!f.found || f.log.find("s->content : " + c.content) != std::string::npos)
             << f.log;
     }
@@ -89,13 +102,50 @@ TEST(BplistReader, WrittenBodies) {
 
 // Each broken body gives null and 0.0 and logs one diagnostic.
 TEST(BplistReader, MalformedBodiesGiveNothing) {
-    std::vector<zt::BrokenBody> bodies = zt::broken_bodies();
-    bodies.push_back({"empty", "", "body shorter than 40 bytes"});
-    for (const zt::BrokenBody& b : bodies) {
+    const std::string simple = zt::load_bplist("simple"), outside = "object outside the body";
+    const std::string dict = "\xd1\x01\x02", key = std::string("\x5f\x10\x10") + "Content-Location";
+    auto patched = [&](long at, int value) {  // at < 0 counts from the end
+        std::string b = simple;
+        b[at < 0 ? b.size() + at : at] = static_cast<char>(value);
+        return b;
+    };
+    std::string counts(4000, '\x1f'), past = build_bplist({dict, key, "\x51u"});
+    counts[0] = '\x5f';
+    past[past.size() - 33] = '\xff';
+    struct Broken {
+        const char* what;
+        std::string body, diagnostic;
+    };
+    std::vector<Broken> cases = {
+        {"empty", "", "body shorter than 40 bytes"},
+        {"wrong magic", patched(7, '1'), "strncmp(\"bplist00\", body, 8)==0"},
+        {"39 bytes", simple.substr(0, 39), "body shorter than 40 bytes"},
+        {"offset table outside", patched(-1, 0xf0), outside},
+        {"top object outside", patched(-9, 100), outside},
+        {"offset outside", past, outside},
+        {"count beyond the body", build_bplist({"\xdf\x12\x7f\xff\xff\xff"}), outside},
+        {"string beyond the body", build_bplist({dict, key, std::string("\x5f\x12\0\0\x10\0h", 7)}),
+         outside},
+        {"reference beyond the objects", build_bplist({"\xd1\x01\x40", key}), outside},
+        {"fill value", build_bplist({dict, key, "\x0f"}), "0"},
+        {"16-byte integer", build_bplist({"\x14" + std::string(16, '\x07')}),
+         "objLen >=1 && objLen <=8"},
+        {"count not an integer", build_bplist({"\x5f\x50\x61"}), "count is not an integer"},
+        {"counts of counts", build_bplist({counts}), "count is not an integer"},
+        {"dictionary in itself", build_bplist({std::string("\xd1\x01\0", 3), "\x51k"}),
+         "nesting deeper than 32"},
+        {"dictionary in itself twice", build_bplist({std::string("\xd2\x01\x01\0\0", 5), "\x51k"}),
+         "nesting deeper than 32"},
+        {"41 levels", zt::load_bplist("deep_too_far"), "nesting deeper than 32"},
+    };
+    for (int field : {-26, -25})  // the trailer's offset and reference sizes
+        for (int size : {0, 9, 255})
+            cases.push_back({"trailer size", patched(field, size), "objLen >=1 && objLen <=8"});
+    for (const Broken& b : cases) {
         Found f = parse(b.body);
         EXPECT_FALSE(f.found) << b.what;
         EXPECT_FLOAT_EQ(f.position, 0.0f) << b.what;
-        size_t at = f.log.find(std::string("malformed body (") + b.diagnostic + ")");
+        size_t at = f.log.find("malformed body (" + b.diagnostic + ")");
         EXPECT_NE(at, std::string::npos) << b.what << "\n" << f.log;
         EXPECT_EQ(f.log.find("malformed body", at + 1), std::string::npos) << "logged twice";
     }

@@ -16,9 +16,9 @@ TEST(UrlEncode, Table) {
         bool complete;
     } cases[] = {
         // Everything but letters and digits is escaped, a blank as "+".
-        {"http://127.0.0.1:4000/proxy?url=http://h:80/a b+c_d-e%f.mp4", 5034,
+        {"http://127.0.0.1:4000/proxy?url=http://h:80/a b+c_d-e%F@[`{.mp4", 5034,
          "http%3A%2F%2F127%2E0%2E0%2E1%3A4000%2Fproxy%3Furl%3Dhttp%3A%2F%2Fh%3A80%2Fa+b%2Bc"
-         "%5Fd%2De%25f%2Emp4",
+         "%5Fd%2De%25F%40%5B%60%7B%2Emp4",
          true},
         {"\xe9\x7f", 5034, "%E9%7F", true},
         // Port 7000's proxy prefixes pass verbatim; almost the prefix is ordinary text.

@@ -6,12 +6,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "airplay/airplay_test_util.h"
-#include "airplay_video/bplist_bodies.h"
+#include "support/airplay_sender.h"
+#include "support/media_server.h"
 
 namespace {
 
@@ -24,20 +25,25 @@ using zt::VideoSender;
 const std::string kStart = "/playback?arg0=start_vod&arg1=AirPlayVideo&arg2=";
 const std::string kUrl = "http%3A%2F%2F192%2E0%2E2%2E20%3A8080%2Fmedia%2Fmovie+one%2Emp4";
 const std::string kProxied =
-    "http%3A%2F%2F127%2E0%2E0%2E1%3A4000%2Fproxy%3Furl%3D"
-    "http%3A%2F%2F192%2E0%2E2%2E20%3A8080%2F";
+    "http%3A%2F%2F127%2E0%2E0%2E1%3A4000%2Fproxy%3Furl%3Dhttp%3A%2F%2F192%2E0%2E2%2E20%3A8080%2F";
 const std::string kShow = "&arg3=show&arg4=";
 const std::string kSeek = "/playback?arg0=set_time_seek_vod&arg1=";
 
+long long now_ms() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+// The number of threads the process has now (0 when it is gone).
+size_t thread_count(pid_t pid) {
+    std::string status = zt::read_file("/proc/" + std::to_string(pid) + "/status");
+    size_t at = status.find("\nThreads:");
+    return at == std::string::npos ? 0 : std::strtoul(status.c_str() + at + 9, nullptr, 10);
+}
+
 class VideoPlay : public ::testing::Test {
    protected:
-    void SetUp() override { ASSERT_TRUE(media_.start()); }
-    void TearDown() override { zt::expect_no_sanitizer_report(box_.daemon_log()); }
-    std::vector<std::string> starts() const {
-        std::vector<std::string> out;
-        for (const auto& c : zt::commands_named(box_, "start_vod")) out.push_back(c.target);
-        return out;
-    }
+    void SetUp() override { ASSERT_TRUE(media_.start(std::string(4096, 'v'))); }
     // A video plays, and the monitor has seen it: scrubs are taken from here on.
     bool playing() {
         return box_.start({"--duration", "7200"}) && sender_.new_session() &&
@@ -45,170 +51,145 @@ class VideoPlay : public ::testing::Test {
                sender_.play_status(kBinary, load_bplist("simple")) == 200 &&
                sender_.wait_event("playing");
     }
-    zt::MediaServer media_;
+    zt::MediaFileServer media_;
     zt::Box box_;
     VideoSender sender_;
 };
 
-TEST_F(VideoPlay, StartCommands) {
-    const std::string path(1500, 'p');
+TEST_F(VideoPlay, BodiesToStartCommands) {
+    const std::string path(1500, 'p'), simple = load_bplist("simple");
+    const std::string location = "Content-Location: http://192.0.2.20:8080/a\n";
     const struct {
         const char* type;
         std::string body;
-        bool split;  // the body in a later segment than the head
-        std::string start;
+        std::string start;   // the start command after its fixed part, "" for none
+        int status = 200;    // -1: any
+        bool split = false;  // the body in a later segment than the head
+        long length = -1;    // a Content-Length of its own (the sender then ends its side)
     } cases[] = {
         // Binary bodies start the bare URL, with the position.
-        {kBinary, load_bplist("simple"), false, kUrl + kShow + "00.250000"},
-        {kBinary, load_bplist("with_false"), false, kUrl + kShow + "00.000000"},
-        {kBinary, load_bplist("utf16_ascii"), false,
-         "http%3A%2F%2F192%2E0%2E2%2E20%2FA%2Emp4" + kShow + "00.000000"},
+        {kBinary, simple, kUrl + kShow + "00.250000"},
+        {kBinary, load_bplist("with_false"), kUrl + kShow + "00.000000"},
         // Bodies are read whole when they arrive after their header (8.5 KB: more than the
         // request reader takes in with the header block).
-        {kBinary, load_bplist("large"), true, kUrl + kShow + "00.500000"},
+        {kBinary, load_bplist("large"), kUrl + kShow + "00.500000", 200, true},
         // Text bodies go through the proxy.
         {kText,
          "X-Padding: " + std::string(6000, 'x') +
              "\nStart-Position: 0.75\nContent-Location: http://192.0.2.20:8080/b\n",
-         true, kProxied + "b" + kShow + "00.750000"},
+         kProxied + "b" + kShow + "00.750000", 200, true},
         // A CR before the LF stays part of the URL; a negative position starts at 0.
-        {kText, "Start-Position: -3\r\nContent-Location: http://192.0.2.20:8080/a.mp4\r\n", false,
+        {kText, "Start-Position: -3\r\nContent-Location: http://192.0.2.20:8080/a.mp4\r\n",
          kProxied + "a%2Emp4%0D" + kShow + "00.000000"},
         // A location without a line feed runs to the end of the body.
-        {kText, "Content-Location: http://192.0.2.20:8080/b.mp4", false,
+        {kText, "Content-Location: http://192.0.2.20:8080/b.mp4",
          kProxied + "b%2Emp4" + kShow + "00.000000"},
         // A URL far longer than 256 bytes still travels whole.
-        {kText, "Content-Location: http://192.0.2.20:8080/" + path + "\n", false,
+        {kText, "Content-Location: http://192.0.2.20:8080/" + path + "\n",
          kProxied + path + kShow + "00.000000"},
+        // Refused: neither body form, bodies cut short, one too large to be a play request
+        // (refused unread: the sender keeps its side open, so a read would wait), and a URL
+        // that does not fit the start command.
+        {"application/octet-stream", "", "", 500},
+        {kText, location, "", -1, false, static_cast<long>(location.size()) + 50},
+        {kBinary, simple, "", 500, false, static_cast<long>(simple.size()) + 50},
+        {kText, "", "", 500, false, 70000},
+        {kText, "Content-Location: http://h/" + std::string(2000, '/') + "\n", "", 500},
+        // Nothing to play, found nowhere or malformed, yet 200.
+        {kBinary, "", ""},
+        {kBinary, load_bplist("no_location"), ""},
+        {kBinary, simple.substr(0, 39), ""},
+        {kBinary, load_bplist("deep_too_far"), ""},
+        {kText, "Start-Position: 0.3\n", ""},
     };
     ASSERT_TRUE(box_.start());
     ASSERT_TRUE(sender_.open_reverse());
     size_t n = 0;
+    std::string last;
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.body.substr(0, 60));
         ASSERT_TRUE(sender_.new_session());
-        std::string reply = sender_.play(c.type, c.body, c.split);
-        EXPECT_EQ(zt::status_code(reply), 200) << reply;
-        ASSERT_TRUE(box_.wait_command("start_vod", ++n)) << c.start;
-        EXPECT_EQ(starts().back(), kStart + c.start);
-        EXPECT_TRUE(n > 1 || sender_.wait_event("playing")) << box_.daemon_log();
+        int status = zt::status_code(sender_.play(c.type, c.body, c.split, c.length));
+        EXPECT_TRUE(c.status < 0 || status == c.status) << status;
+        n += !c.start.empty();
+        last = c.start.empty() ? last : kStart + c.start;
+        ASSERT_TRUE(box_.wait_command("start_vod", n));
+        EXPECT_EQ(box_.count("start_vod"), n);
+        EXPECT_EQ(zt::commands_named(box_, "start_vod").back().target, last);
+        EXPECT_TRUE(n != 1 || sender_.wait_event("playing")) << box_.daemon_log();
     }
-    EXPECT_TRUE(box_.wait_log("s->content : http://192.0.2.20:8080/media/movie one.mp4"));
+    for (const char* line : {"Invalid socket read", "does not fit the start command",
+                             "malformed body (nesting deeper than 32)", "fposition: 0.300000"})
+        EXPECT_TRUE(box_.wait_log(line)) << line;
     // The player refuses a start: 500, and the next start goes through.
     box_.sim("/sim/refuse?cmd=start_vod&count=1");
     ASSERT_TRUE(sender_.new_session());
-    EXPECT_EQ(sender_.play_status(kBinary, load_bplist("simple")), 500);
+    EXPECT_EQ(sender_.play_status(kBinary, simple), 500);
     ASSERT_TRUE(sender_.new_session());
-    EXPECT_EQ(sender_.play_status(kBinary, load_bplist("simple")), 200);
-    EXPECT_EQ(starts().size(), n + 2);
-    EXPECT_EQ(starts().back(), kStart + kUrl + kShow + "00.250000");
-}
-
-TEST_F(VideoPlay, BodiesThatPlayNothing) {
-    const std::string location = "Content-Location: http://192.0.2.20:8080/a\n";
-    const std::string simple = load_bplist("simple");
-    ASSERT_TRUE(box_.start());
-    const struct {
-        const char* type;
-        std::string body;
-        long length;  // a Content-Length of its own (the sender ends its side), or -1
-        int status;
-    } refused[] = {
-        {"application/octet-stream", "", -1, 500},                       // neither body form
-        {kText, location, static_cast<long>(location.size()) + 50, -1},  // cut short
-        {kBinary, simple, static_cast<long>(simple.size()) + 50, 500},
-        // Too large to be a play request: refused before a byte of it is read (the sender
-        // keeps its side open, so a read would wait).
-        {kText, "", 70000, 500},
-        {kText, "Content-Location: http://h/" + std::string(2000, '/') + "\n", -1, 500},
-        // Found nowhere a dictionary reaches, or not usable: nothing to play, yet 200.
-        {kBinary, "", -1, 200},
-        {kBinary, load_bplist("in_array"), -1, 200},
-        {kBinary, load_bplist("utf16_other"), -1, 200},
-        {kBinary, load_bplist("short_key"), -1, 200},
-        {kBinary, load_bplist("no_location"), -1, 200},
-        {kText, "Start-Position: 0.3\n", -1, 200},
-    };
-    for (const auto& c : refused) {
-        ASSERT_TRUE(sender_.new_session());
-        int status = zt::status_code(sender_.play(c.type, c.body, false, c.length));
-        EXPECT_TRUE(c.status < 0 || status == c.status)
-            << status << " " << c.type << " " << c.body.substr(0, 40);
-    }
-    EXPECT_TRUE(box_.wait_log("Invalid socket read"));
-    EXPECT_TRUE(box_.wait_log("does not fit the start command"));
-    EXPECT_TRUE(box_.wait_log("fposition: 0.300000"));
-    for (const zt::BrokenBody& b : zt::broken_bodies()) {
-        ASSERT_TRUE(sender_.new_session());
-        EXPECT_EQ(sender_.play_status(kBinary, b.body), 200) << b.what;
-    }
-    EXPECT_TRUE(box_.wait_log("malformed body (nesting deeper than 32)"));
-    EXPECT_TRUE(starts().empty());
-    EXPECT_EQ(zt::status_code(zt::VideoSender::request("GET /playback-info HTTP/1.1\r\n\r\n")),
-              200);
+    EXPECT_EQ(sender_.play_status(kBinary, simple), 200);
+    EXPECT_EQ(box_.count("start_vod"), n + 2);
 }
 
 TEST_F(VideoPlay, RequestsToPlayerCommands) {
     ASSERT_TRUE(playing()) << box_.daemon_log();
     box_.sim("/sim/force?vod=play");  // the player plays on whatever it is told
     const std::string r0 = "/rate?value=0.000000", r1 = "/rate?value=1.000000";
+    const std::string seek = "set_time_seek_vod&arg1=";
     const struct {
-        std::vector<std::string> requests;
-        Names sent;
-        std::string seek;    // the seek's time text
-        long long min_wait;  // after the last request
+        Names requests;
+        std::string sent;   // the one command's arguments, "" for none
+        bool held = false;  // a pause is held back two seconds by design
     } cases[] = {
-        {{r0}, {"pause_vod"}, "", 950},     // two seconds by design
-        {{r0, r1}, {"resume_vod"}, "", 0},  // a resume within the pause's wait replaces it
-        {{r1}, {"resume_vod"}, "", 0},      // with nothing to coalesce it goes out by itself
-        {{r0, "/scrub?position=75.500000", r1}, {"set_time_seek_vod"}, "00:01:15", 0},
+        {{r0}, "pause_vod", true},
+        {{r0, r1}, "resume_vod"},  // a resume within the pause's wait replaces it
+        {{r1}, "resume_vod"},      // with nothing to coalesce it goes out at once
+        {{r0, "/scrub?position=75.500000", r1}, seek + "00:01:15"},
         // A scrub during a pause waits a second more; the last target wins.
         {{r0, "/scrub?position=100.000000", "/scrub?position=3725.200000"},
-         {"set_time_seek_vod"},
-         "01:02:05",
-         950},
+         seek + "01:02:05",
+         true},
         // A scrub alone seeks at once. Positions truncate toward zero; hours of 100 and more
         // take the digits they need, negatives count as 0, and numbers beyond the int range
         // are clamped to it.
-        {{"/scrub?position=12.900000"}, {"set_time_seek_vod"}, "00:00:12", 0},
-        {{"/scrub?position=360059"}, {"set_time_seek_vod"}, "100:00:59", 0},
-        {{"/scrub?position=-5"}, {"set_time_seek_vod"}, "00:00:00", 0},
-        {{"/scrub?position=1e300"}, {"set_time_seek_vod"}, "596523:14:07", 0},
-        {{"/scrub?position=nan"}, {"set_time_seek_vod"}, "00:00:00", 0},
+        {{"/scrub?position=12.900000"}, seek + "00:00:12"},
+        {{"/scrub?position=360059"}, seek + "100:00:59"},
+        {{"/scrub?position=-5"}, seek + "00:00:00"},
+        {{"/scrub?position=1e300"}, seek + "596523:14:07"},
+        {{"/scrub?position=nan"}, seek + "00:00:00"},
         // Requests without their value fail and close their connection; nothing is sent.
-        {{"/scrub", "/rate"}, {}, "", 0},
+        {{"/scrub", "/rate"}, ""},
     };
+    Names expected{"start_vod"};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.requests.back());
         size_t before = zt::commands_named(box_).size();
         for (const std::string& r : c.requests)
             EXPECT_EQ(VideoSender::post(r), r.find('?') == std::string::npos ? 500 : 200) << r;
-        long long last = zt::now_ms();
-        // Lets the seek thread's longest wait run out, so that a command it wrongly held
-        // back would have been sent by now.
-        zt::wait_until([&] { return zt::now_ms() - last > 2500; });
-        std::vector<zt::PlayerCommand> sent = zt::commands_named(box_);
-        sent.erase(sent.begin(), sent.begin() + before);
-        Names names;
-        for (const auto& s : sent) names.push_back(s.name);
-        EXPECT_EQ(names, c.sent);
-        if (sent.empty()) continue;
+        long long last = now_ms();
+        if (c.sent.empty()) continue;
+        ASSERT_TRUE(zt::wait_until([&] { return zt::commands_named(box_).size() > before; }));
+        zt::PlayerCommand sent = zt::commands_named(box_)[before];
+        expected.push_back(sent.name);
+        EXPECT_EQ(sent.target, "/playback?arg0=" + c.sent);
         // A command meant to go at once may reach the player before the reply reaches us.
-        if (c.min_wait > 0) {
-            EXPECT_GE(sent[0].time_ms - last, c.min_wait);
-        }
-        EXPECT_EQ(c.seek.empty() ? "" : sent[0].target, c.seek.empty() ? "" : kSeek + c.seek);
+        EXPECT_TRUE(!c.held || sent.time_ms - last >= 950) << sent.time_ms - last;
     }
+    // Lets the seek thread's longest wait run out: a command it wrongly held back, or sent
+    // besides the one expected, would be there by now.
+    long long last = now_ms();
+    zt::wait_until([&] { return now_ms() - last > 2500; });
+    EXPECT_EQ(zt::control_names(box_), expected);
     EXPECT_TRUE(box_.wait_log("\nsending seek singular command\n"));
 
     // A POST /play with only a start position seeks there once the player has settled.
     ASSERT_TRUE(sender_.new_session());
-    long long t0 = zt::now_ms();
+    long long t0 = now_ms();
     EXPECT_EQ(sender_.play_status(kText, "Start-Position: 0.3\n"), 200);
     size_t seeks = zt::commands_named(box_, "set_time_seek_vod").size();
     ASSERT_TRUE(box_.wait_command("set_time_seek_vod", seeks + 1, std::chrono::seconds(20)));
-    zt::PlayerCommand seek = zt::commands_named(box_, "set_time_seek_vod").back();
-    EXPECT_EQ(seek.target, kSeek + "00:00:30");
-    EXPECT_GE(seek.time_ms - t0, 2900);  // the monitor lets the player settle for 3 s
+    zt::PlayerCommand sought = zt::commands_named(box_, "set_time_seek_vod").back();
+    EXPECT_EQ(sought.target, kSeek + "00:00:30");
+    EXPECT_GE(sought.time_ms - t0, 2900);  // the monitor lets the player settle for 3 s
 
     // A scrub while the player shows a pause sends nothing.
     box_.sim("/sim/force?vod=pause");
@@ -230,21 +211,21 @@ TEST_F(VideoPlay, ABurstOfRatesAgainstALatePlayerKeepsOneSeekThread) {
     box_.sim("/sim/delay?cmd=pause_vod&ms=1500");
     box_.sim("/sim/delay?cmd=resume_vod&ms=1500");
     pid_t pid = box_.daemon().pid();
-    size_t idle = zt::thread_count(pid);
+    size_t idle = thread_count(pid);
     std::atomic<bool> done{false};
     std::atomic<size_t> most{idle};
     std::thread watch([&] {
         for (; !done; std::this_thread::sleep_for(std::chrono::milliseconds(5)))
-            most = std::max<size_t>(most, zt::thread_count(pid));
+            most = std::max<size_t>(most, thread_count(pid));
     });
     // Alternating rates while the thread waits for the player; the last one is a pause.
     for (int i = 0; i < 21; ++i) {
         EXPECT_EQ(VideoSender::post(i % 2 ? "/rate?value=1.000000" : "/rate?value=0.000000"), 200);
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    long long sent = zt::now_ms();
+    long long sent = now_ms();
     EXPECT_TRUE(
-        zt::wait_until([&] { return zt::thread_count(pid) == idle; }, std::chrono::seconds(30)));
+        zt::wait_until([&] { return thread_count(pid) == idle; }, std::chrono::seconds(30)));
     done = true;
     watch.join();
     EXPECT_LE(most, idle + 1) << "more than one seek thread";

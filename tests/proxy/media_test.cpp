@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "airplay/airplay_test_util.h"
+#include "support/airplay_sender.h"
 #include "support/media_server.h"
 
 namespace {
