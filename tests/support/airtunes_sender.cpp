@@ -7,12 +7,10 @@
 #include <openssl/rsa.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <sstream>
 #include <thread>
-#include <vector>
 
 #include "tools/decipher/aes.h"
 #include "tools/decipher/base64.h"
@@ -20,10 +18,9 @@
 namespace zt {
 namespace {
 
-std::string env_or(const char* name, const char* fallback) {
-    const char* v = std::getenv(name);
-    return v != nullptr && *v != '\0' ? v : fallback;
-}
+// The sandbox's network: eth0 of the box, its MAC, and the sender's address.
+const char kBoxIp[] = "192.0.2.10", kSenderIp[] = "192.0.2.20";
+const uint8_t kBoxMac[] = {0x02, 0x5a, 0x4f, 0x52, 0x00, 0x01};
 
 std::string b64(const uint8_t* data, size_t n) {
     std::vector<char> out(n * 2 + 4);
@@ -34,7 +31,8 @@ std::string b64(const uint8_t* data, size_t n) {
 // The public-key side of the daemon's two private-key operations: OAEP encryption of the
 // stream key, recovery of the PKCS #1 v1.5 signed message.
 std::vector<uint8_t> rsa_public(const uint8_t* in, size_t n, bool encrypt) {
-    FILE* f = std::fopen(env_or("ZOR_RSA_PUBKEY", "/opt/zor/app/airplay/RAOPKey.pub").c_str(), "r");
+    const char* path = std::getenv("ZOR_RSA_PUBKEY");  // set by the sandbox
+    FILE* f = path ? std::fopen(path, "r") : nullptr;
     if (f == nullptr) return {};
     std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
         PEM_read_PUBKEY(f, nullptr, nullptr, nullptr), EVP_PKEY_free);
@@ -62,16 +60,10 @@ std::string dmap_item(const std::string& tag, const std::string& value) {
     return s + value;
 }
 
-std::string sender_ip() {
-    return env_or("ZOR_SENDER_IP", "192.0.2.20");
-}
+Client connect_rtsp() { return connect_from(kSenderIp, kBoxIp, 5000); }
 
-Client connect_rtsp() {
-    return connect_from(sender_ip(), env_or("ZOR_ETH0_IP", "192.0.2.10"), 5000);
-}
-
-// The first byte may take seconds: the daemon loads and checks its RSA key for each challenge
-// and stream key, which on the box's ARM (or the ARM build under emulation) is slow.
+// The first byte may take seconds: the daemon loads its RSA key for each challenge and stream
+// key, which is slow on the box's ARM and under emulation.
 std::string recv_rtsp_reply(Client& c) {
     std::string data = c.recv_some(std::chrono::seconds(30));
     for (std::string more = "x"; !data.empty() && message_length(data) == 0 && !more.empty(); data += more)
@@ -94,8 +86,7 @@ std::string AirtunesSender::connect() {
 
 std::string AirtunesSender::request_text(const std::string& method, const std::string& headers,
                                          const std::string& body) {
-    std::string length =
-        body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n";
+    std::string length = body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n";
     return method + " rtsp://192.0.2.10/1 RTSP/1.0\r\nCSeq: " + std::to_string(++cseq) +
            "\r\nX-Apple-Device-ID: " + device_id_ + "\r\n" + headers + length + "\r\n" + body;
 }
@@ -113,22 +104,18 @@ std::string AirtunesSender::options_with_challenge() {
 std::string AirtunesSender::announce() {
     RAND_bytes(challenge_.data(), 16);
     std::vector<uint8_t> key = rsa_public(aes_key.data(), 16, true);
-    std::string sdp = "v=0\r\no=iTunes 1 0 IN IP4 " + sender_ip() +
+    std::string sdp = std::string("v=0\r\no=iTunes 1 0 IN IP4 ") + kSenderIp +
                       "\r\nm=audio 0 RTP/AVP 96\r\na=rtpmap:96 AppleLossless\r\n"
                       "a=fmtp:96 352 0 16 40 10 14 2 255 0 0 44100\r\na=rsaaeskey:" +
-                      b64(key.data(), key.size()) + "\r\na=aesiv:" + b64(aes_iv.data(), 16) +
-                      "\r\n";
+                      b64(key.data(), key.size()) + "\r\na=aesiv:" + b64(aes_iv.data(), 16) + "\r\n";
     // Senders leave out the challenge's "==" padding.
-    return request("ANNOUNCE",
-                   "Content-Type: application/sdp\r\nApple-Challenge: " +
-                       b64(challenge_.data(), 16).substr(0, 22) + "\r\n",
-                   sdp);
+    return request("ANNOUNCE", "Content-Type: application/sdp\r\nApple-Challenge: " +
+                                   b64(challenge_.data(), 16).substr(0, 22) + "\r\n", sdp);
 }
 
 std::string AirtunesSender::setup() {
-    return request("SETUP", "Transport: RTP/AVP/UDP;unicast;mode=record;control_port=" +
-                                std::to_string(control_port) +
-                                ";timing_port=" + std::to_string(timing_port) + "\r\n");
+    return request("SETUP", "Transport: RTP/AVP/UDP;unicast;mode=record;control_port=6001;"
+                            "timing_port=6002\r\n");
 }
 
 bool AirtunesSender::start_stream() {
@@ -139,14 +126,11 @@ bool AirtunesSender::start_stream() {
 bool AirtunesSender::verify_apple_response(const std::string& reply) const {
     std::string value = header_value(reply, "Apple-Response");
     std::vector<uint8_t> signature(value.size());
-    signature.resize(
-        static_cast<size_t>(base64_decode(signature.data(), signature.size(), value.c_str())));
+    signature.resize(static_cast<size_t>(base64_decode(signature.data(), signature.size(), value.c_str())));
     std::vector<uint8_t> expected(challenge_.begin(), challenge_.end());
     expected.resize(32, 0);
-    ::inet_pton(AF_INET, env_or("ZOR_ETH0_IP", "192.0.2.10").c_str(), &expected[16]);
-    std::string mac = env_or("ZOR_ETH0_MAC", "02:5a:4f:52:00:01");
-    for (size_t i = 0; i < 6; ++i)
-        expected[20 + i] = static_cast<uint8_t>(std::stoul(mac.substr(3 * i, 2), nullptr, 16));
+    ::inet_pton(AF_INET, kBoxIp, &expected[16]);
+    std::copy(std::begin(kBoxMac), std::end(kBoxMac), &expected[20]);
     return value.size() == 342 && rsa_public(signature.data(), signature.size(), false) == expected;
 }
 
@@ -156,8 +140,7 @@ std::vector<AlacVector> alac_vectors() {
     for (std::string line; std::getline(in, line);) {
         std::istringstream fields(line);
         AlacVector v;
-        if (line.empty() || line[0] == '#' ||
-            !(fields >> v.name >> v.bits >> v.channels >> v.frames >> v.samples))
+        if (line.starts_with('#') || !(fields >> v.name >> v.bits >> v.channels >> v.frames >> v.samples))
             continue;
         for (int value; fields >> value;) v.fmtp.push_back(value);
         out.push_back(v);
@@ -190,14 +173,11 @@ RtpSender::RtpSender(const std::array<uint8_t, 16>& k, const std::array<uint8_t,
     ::bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
 }
 
-RtpSender::~RtpSender() {
-    ::close(sock);
-}
+RtpSender::~RtpSender() { ::close(sock); }
 
 Frame RtpSender::encrypt(const Frame& frame) const {
     Frame out = frame;
-    aes_encrypt_payload(frame.data(), out.data(), static_cast<int>(frame.size()), iv.data(),
-                        key.data());
+    aes_encrypt_payload(frame.data(), out.data(), static_cast<int>(frame.size()), iv.data(), key.data());
     return out;
 }
 
@@ -215,7 +195,7 @@ Frame RtpSender::packet(const Frame& frame, uint16_t seq_no, uint32_t ts, bool r
 
 bool RtpSender::send(const Frame& datagram, int port) const {
     sockaddr_in to{AF_INET, htons(static_cast<uint16_t>(port)), {}, {}};
-    inet_pton(AF_INET, "192.0.2.10", &to.sin_addr);
+    inet_pton(AF_INET, kBoxIp, &to.sin_addr);
     return ::sendto(sock, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&to),
                     sizeof(to)) == static_cast<ssize_t>(datagram.size());
 }
@@ -225,8 +205,7 @@ bool RtpSender::send_frames(const std::vector<Frame>& frames, double speed) {
     const std::chrono::duration<double> frame_time(352 / 44100.0 / (speed > 0 ? speed : 1e9));
     for (size_t i = 0; i < frames.size(); ++i, ++seq, timestamp += 352) {
         std::this_thread::sleep_until(
-            start +
-            std::chrono::duration_cast<std::chrono::steady_clock::duration>(frame_time * i));
+            start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(frame_time * i));
         if (!send(packet(frames[i], seq, timestamp))) return false;
     }
     return true;

@@ -16,12 +16,10 @@ MediaFileServer::~MediaFileServer() {
     if (listen_fd_ >= 0) ::close(listen_fd_);
 }
 
-bool MediaFileServer::start(std::string file, const std::string& host, int port,
-                            long long repeat) {
+bool MediaFileServer::start(std::string file, const std::string& host, int port, long long repeat) {
     file_ = std::move(file);
     size_ = static_cast<long long>(file_.size()) * repeat;
-    listen_fd_ = listen_on(host, port);
-    if (listen_fd_ < 0) return false;
+    if ((listen_fd_ = listen_on(host, port)) < 0) return false;
     acceptor_ = std::thread([this] {
         while (!stop_) {
             int fd = accept_one(listen_fd_, std::chrono::milliseconds(100));
@@ -41,7 +39,6 @@ std::string MediaFileServer::wait_request(size_t count, std::chrono::millisecond
     return out;
 }
 
-// One request per connection, as the proxy sends them.
 void MediaFileServer::serve(int fd) {
     Client peer(fd);
     std::string request = peer.recv_message(std::chrono::seconds(5));
@@ -53,9 +50,9 @@ void MediaFileServer::serve(int fd) {
     while (held_ && !stop_) std::this_thread::sleep_for(std::chrono::milliseconds(20));
     std::string range = header_value(request, "Range");
     long long offset = std::clamp(range.starts_with("bytes=") ? std::atoll(&range[6]) : 0LL, 0LL, size_);
-    bool sized = request.find("nolength") == std::string::npos;
     std::string reply = offset > 0 ? "HTTP/1.1 206 Partial Content\r\n" : "HTTP/1.1 200 OK\r\n";
-    if (sized) reply += "Content-Length: " + std::to_string(size_ - offset) + "\r\n";
+    if (request.find("nolength") == std::string::npos)
+        reply += "Content-Length: " + std::to_string(size_ - offset) + "\r\n";
     if (!peer.send(reply + "\r\n") || request.starts_with("HEAD")) return;
     for (long long at = offset, n = 1; at < size_ && n > 0 && !stop_; at += n) {
         size_t in_file = static_cast<size_t>(at) % file_.size();

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -19,6 +18,9 @@
 
 namespace zt {
 
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
 namespace {
 
 std::string env_or(const char* name, const char* fallback) {
@@ -26,25 +28,39 @@ std::string env_or(const char* name, const char* fallback) {
     return v && *v ? v : fallback;
 }
 
-bool wait_readable(int fd, std::chrono::milliseconds timeout) {
+bool wait_readable(int fd, milliseconds timeout) {
     pollfd p{fd, POLLIN, 0};
     return ::poll(&p, 1, static_cast<int>(timeout.count())) > 0;
 }
 
+// Binds (source) or connects (else) fd to host:port; false on failure.
+bool attach(int fd, const std::string& host, int port, bool bind) {
+    sockaddr_in a{AF_INET, htons(static_cast<uint16_t>(port)), {}, {}};
+    ::inet_pton(AF_INET, host.c_str(), &a.sin_addr);
+    auto* sa = reinterpret_cast<sockaddr*>(&a);
+    return (bind ? ::bind(fd, sa, sizeof(a)) : ::connect(fd, sa, sizeof(a))) == 0;
+}
+
+// Appends what arrives before the deadline; the read's result (0: closed, < 0: failed or
+// time-out, then errno is ETIMEDOUT).
+ssize_t read_more(int fd, std::string& data, Clock::time_point deadline) {
+    auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
+    if (left.count() < 0 || !wait_readable(fd, left)) return errno = ETIMEDOUT, -1;
+    char buf[8192];
+    ssize_t n = ::recv(fd, buf, sizeof(buf), 0);
+    if (n > 0) data.append(buf, static_cast<size_t>(n));
+    return n;
+}
+
 }  // namespace
 
-std::string build_dir() {
-    return env_or("ZOR_BUILD_DIR", ZOR_DEFAULT_BUILD_DIR);
-}
-std::string source_dir() {
-    return env_or("ZOR_SOURCE_DIR", ZOR_DEFAULT_SOURCE_DIR);
-}
+std::string build_dir() { return env_or("ZOR_BUILD_DIR", ZOR_DEFAULT_BUILD_DIR); }
+std::string source_dir() { return env_or("ZOR_SOURCE_DIR", ZOR_DEFAULT_SOURCE_DIR); }
 
-bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
+bool wait_until(const std::function<bool()>& cond, milliseconds timeout) {
+    for (auto deadline = Clock::now() + timeout; Clock::now() < deadline;) {
         if (cond()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::this_thread::sleep_for(milliseconds(20));
     }
     return cond();
 }
@@ -65,21 +81,17 @@ Process::~Process() {
 
 bool Process::start(const std::vector<std::string>& argv, const std::string& log_path) {
     log_path_ = log_path;
-    pid_ = ::fork();
-    if (pid_ < 0) return false;
-    if (pid_ == 0) {
-        int fd = ::open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        ::dup2(fd, 1), ::dup2(fd, 2), ::close(fd);
-        std::vector<char*> args;
-        for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        ::execv(args[0], args.data());
-        ::_exit(127);
-    }
-    return true;
+    if ((pid_ = ::fork()) != 0) return pid_ > 0;
+    int fd = ::open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ::dup2(fd, 1), ::dup2(fd, 2), ::close(fd);
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    ::execv(args[0], args.data());
+    ::_exit(127);
 }
 
-int Process::wait_exit(std::chrono::milliseconds timeout) {
+int Process::wait_exit(milliseconds timeout) {
     int status = 0;
     if (pid_ <= 0 || !wait_until([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout))
         return -1;
@@ -87,7 +99,7 @@ int Process::wait_exit(std::chrono::milliseconds timeout) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
-int Process::stop(int sig, std::chrono::milliseconds timeout) {
+int Process::stop(int sig, milliseconds timeout) {
     if (pid_ <= 0) return -1;
     ::kill(pid_, sig);
     int rc = wait_exit(timeout);
@@ -99,17 +111,10 @@ int Process::stop(int sig, std::chrono::milliseconds timeout) {
 }
 
 Client& Client::operator=(Client&& other) noexcept {
-    if (this != &other) {
-        close();
-        fd_ = other.fd_;
-        pending_ = std::move(other.pending_);
-        other.fd_ = -1;
-    }
-    return *this;
-}
-
-Client::~Client() {
     close();
+    std::swap(fd_, other.fd_);
+    pending_ = std::move(other.pending_);
+    return *this;
 }
 
 void Client::close() {
@@ -117,28 +122,20 @@ void Client::close() {
     fd_ = -1;
 }
 
-Client Client::connect(const std::string& host, int port, std::chrono::milliseconds retry_for) {
-    auto deadline = std::chrono::steady_clock::now() + retry_for;
-    for (;;) {
-        int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(static_cast<uint16_t>(port));
-        ::inet_pton(AF_INET, host.c_str(), &addr.sin_addr);
-        if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0) {
+Client Client::connect(const std::string& host, int port, milliseconds retry_for) {
+    for (auto deadline = Clock::now() + retry_for;; std::this_thread::sleep_for(milliseconds(50))) {
+        Client c(::socket(AF_INET, SOCK_STREAM, 0));
+        if (attach(c.fd(), host, port, false)) {
             timeval tv{10, 0};
-            ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-            return Client(fd);
+            ::setsockopt(c.fd(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+            return c;
         }
-        ::close(fd);
-        if (std::chrono::steady_clock::now() >= deadline) return Client();
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (Clock::now() >= deadline) return Client();
     }
 }
 
 bool Client::send(const std::string& bytes) {
-    size_t sent = 0;
-    while (sent < bytes.size()) {
+    for (size_t sent = 0; sent < bytes.size();) {
         ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
         if (n <= 0) return false;
         sent += static_cast<size_t>(n);
@@ -146,33 +143,14 @@ bool Client::send(const std::string& bytes) {
     return true;
 }
 
-std::string Client::recv_some(std::chrono::milliseconds timeout, size_t max) {
-    if (!pending_.empty()) return std::exchange(pending_, {});
-    if (!wait_readable(fd_, timeout)) return {};
-    std::string out(max, '\0');
-    ssize_t n = ::recv(fd_, out.data(), max, 0);
-    out.resize(n > 0 ? static_cast<size_t>(n) : 0);
+std::string Client::recv_some(milliseconds timeout) {
+    std::string out = std::exchange(pending_, {});
+    if (out.empty()) read_more(fd_, out, Clock::now() + timeout);
     return out;
 }
 
-namespace {
-
-// Appends what arrives before the deadline; the read's result (0: closed, < 0: failed or
-// time-out, then errno is ETIMEDOUT).
-ssize_t read_more(int fd, std::string& data, std::chrono::steady_clock::time_point deadline) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0 || !wait_readable(fd, left)) return errno = ETIMEDOUT, -1;
-    char buf[8192];
-    ssize_t n = ::recv(fd, buf, sizeof(buf), 0);
-    if (n > 0) data.append(buf, static_cast<size_t>(n));
-    return n;
-}
-
-}  // namespace
-
-std::string Client::recv_message(std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
+std::string Client::recv_message(milliseconds timeout) {
+    auto deadline = Clock::now() + timeout;
     std::string data = std::exchange(pending_, {});
     size_t total;
     while ((total = message_length(data)) == 0)
@@ -181,41 +159,31 @@ std::string Client::recv_message(std::chrono::milliseconds timeout) {
     return data.substr(0, total);
 }
 
-std::string Client::recv_all(std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
+std::string Client::recv_all(milliseconds timeout) {
+    auto deadline = Clock::now() + timeout;
     std::string data = std::exchange(pending_, {});
     while (read_more(fd_, data, deadline) > 0) {
     }
     return data;
 }
 
-bool Client::closed_by_peer(std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
+bool Client::closed_by_peer(milliseconds timeout) {
+    for (auto deadline = Clock::now() + timeout;;) {
         ssize_t n = read_more(fd_, pending_, deadline);
-        if (n == 0) return true;
-        if (n < 0) return errno == ECONNRESET;
+        if (n <= 0) return n == 0 || errno == ECONNRESET;
     }
 }
 
 Client connect_from(const std::string& source, const std::string& host, int port, int rcvbuf) {
     Client c(::socket(AF_INET, SOCK_STREAM, 0));
     if (rcvbuf > 0) ::setsockopt(c.fd(), SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf));
-    sockaddr_in from{AF_INET, 0, {}, {}}, to{AF_INET, htons(static_cast<uint16_t>(port)), {}, {}};
-    ::inet_pton(AF_INET, source.c_str(), &from.sin_addr);
-    ::inet_pton(AF_INET, host.c_str(), &to.sin_addr);
-    if (::bind(c.fd(), reinterpret_cast<sockaddr*>(&from), sizeof(from)) != 0 ||
-        ::connect(c.fd(), reinterpret_cast<sockaddr*>(&to), sizeof(to)) != 0)
-        return Client();
-    return c;
+    return attach(c.fd(), source, 0, true) && attach(c.fd(), host, port, false) ? std::move(c)
+                                                                                 : Client();
 }
 
 SocketPair::SocketPair() {
     int fds[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0) {
-        sock = fds[0];
-        peer = fds[1];
-    }
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0) sock = fds[0], peer = fds[1];
 }
 
 SocketPair::~SocketPair() {
@@ -232,53 +200,34 @@ void SocketPair::close_peer() {
     peer = -1;
 }
 
-int listen_on(const std::string& host, int port, int* bound_port) {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    int one = 1;
+int listen_on(const std::string& host, int port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0), one = 1;
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    ::inet_pton(AF_INET, host.c_str(), &addr.sin_addr);
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-        ::listen(fd, 16) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    if (bound_port) {
-        socklen_t len = sizeof(addr);
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-        *bound_port = ntohs(addr.sin_port);
-    }
-    return fd;
+    if (attach(fd, host, port, true) && ::listen(fd, 16) == 0) return fd;
+    ::close(fd);
+    return -1;
 }
 
-int accept_one(int listen_fd, std::chrono::milliseconds timeout) {
-    if (!wait_readable(listen_fd, timeout)) return -1;
-    return ::accept(listen_fd, nullptr, nullptr);
+int accept_one(int listen_fd, milliseconds timeout) {
+    return wait_readable(listen_fd, timeout) ? ::accept(listen_fd, nullptr, nullptr) : -1;
 }
 
 std::string header_value(const std::string& message, const std::string& name) {
-    std::string key = "\r\n" + name + ":";
-    size_t at = message.find(key);
+    size_t at = message.find("\r\n" + name + ":");
     if (at == std::string::npos) return {};
-    size_t start = at + key.size();
-    while (start < message.size() && message[start] == ' ') ++start;
-    size_t end = message.find("\r\n", start);
-    return message.substr(start, end == std::string::npos ? std::string::npos : end - start);
+    size_t start = message.find_first_not_of(' ', at + name.size() + 3);
+    return start == std::string::npos ? "" : message.substr(start, message.find("\r\n", start) - start);
 }
 
 int status_code(const std::string& message) {
     size_t sp = message.find(' ');
-    if (sp == std::string::npos) return -1;
-    return std::atoi(message.c_str() + sp + 1);
+    return sp == std::string::npos ? -1 : std::atoi(message.c_str() + sp + 1);
 }
 
 size_t message_length(const std::string& data) {
     size_t end = data.find("\r\n\r\n");
     if (end == std::string::npos) return 0;
-    std::string cl = header_value(data.substr(0, end + 4), "Content-Length");
-    size_t total = end + 4 + (cl.empty() ? 0 : std::strtoul(cl.c_str(), nullptr, 10));
+    size_t total = end + 4 + std::strtoul(header_value(data.substr(0, end + 4), "Content-Length").c_str(), nullptr, 10);
     return data.size() >= total ? total : 0;
 }
 
