@@ -5,7 +5,6 @@
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <memory>
@@ -19,7 +18,7 @@ namespace zt {
 namespace {
 
 // The sandbox's network: eth0 of the box, its MAC, and the sender's address.
-const char kBoxIp[] = "192.0.2.10", kSenderIp[] = "192.0.2.20";
+const char kBoxIp[] = "192.0.2.10";
 const uint8_t kBoxMac[] = {0x02, 0x5a, 0x4f, 0x52, 0x00, 0x01};
 
 std::string b64(const uint8_t* data, size_t n) {
@@ -56,17 +55,17 @@ std::vector<uint8_t> rsa_public(const uint8_t* in, size_t n, bool encrypt) {
 
 std::string dmap_item(const std::string& tag, const std::string& value) {
     std::string s = tag;
-    for (int shift = 24; shift >= 0; shift -= 8) s += static_cast<char>((value.size() >> shift) & 255);
+    for (int shift = 24; shift >= 0; shift -= 8)
+        s += static_cast<char>((value.size() >> shift) & 255);
     return s + value;
 }
-
-Client connect_rtsp() { return connect_from(kSenderIp, kBoxIp, 5000); }
 
 // The first byte may take seconds: the daemon loads its RSA key for each challenge and stream
 // key, which is slow on the box's ARM and under emulation.
 std::string recv_rtsp_reply(Client& c) {
     std::string data = c.recv_some(std::chrono::seconds(30));
-    for (std::string more = "x"; !data.empty() && message_length(data) == 0 && !more.empty(); data += more)
+    for (std::string more = "x"; !data.empty() && message_length(data) == 0 && !more.empty();
+         data += more)
         more = c.recv_some(std::chrono::milliseconds(300));
     return data;
 }
@@ -76,24 +75,12 @@ AirtunesSender::AirtunesSender(std::string device_id) : device_id_(std::move(dev
     RAND_bytes(aes_iv.data(), 16);
 }
 
-std::string AirtunesSender::connect() {
-    Client first = connect_rtsp();
-    first.send(request_text("OPTIONS"));
-    std::string reply = recv_rtsp_reply(first);
-    conn = connect_rtsp();
-    return reply;
-}
-
 std::string AirtunesSender::request_text(const std::string& method, const std::string& headers,
                                          const std::string& body) {
-    std::string length = body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n";
+    std::string length =
+        body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n";
     return method + " rtsp://192.0.2.10/1 RTSP/1.0\r\nCSeq: " + std::to_string(++cseq) +
            "\r\nX-Apple-Device-ID: " + device_id_ + "\r\n" + headers + length + "\r\n" + body;
-}
-
-std::string AirtunesSender::request(const std::string& method, const std::string& headers,
-                                    const std::string& body) {
-    return conn.send(request_text(method, headers, body)) ? recv_rtsp_reply(conn) : "";
 }
 
 std::string AirtunesSender::options_with_challenge() {
@@ -104,29 +91,22 @@ std::string AirtunesSender::options_with_challenge() {
 std::string AirtunesSender::announce() {
     RAND_bytes(challenge_.data(), 16);
     std::vector<uint8_t> key = rsa_public(aes_key.data(), 16, true);
-    std::string sdp = std::string("v=0\r\no=iTunes 1 0 IN IP4 ") + kSenderIp +
-                      "\r\nm=audio 0 RTP/AVP 96\r\na=rtpmap:96 AppleLossless\r\n"
-                      "a=fmtp:96 352 0 16 40 10 14 2 255 0 0 44100\r\na=rsaaeskey:" +
-                      b64(key.data(), key.size()) + "\r\na=aesiv:" + b64(aes_iv.data(), 16) + "\r\n";
+    std::string sdp =
+        "v=0\r\no=iTunes 1 0 IN IP4 192.0.2.20\r\nm=audio 0 RTP/AVP 96\r\n"
+        "a=rtpmap:96 AppleLossless\r\na=fmtp:96 352 0 16 40 10 14 2 255 0 0 44100\r\na=rsaaeskey:" +
+        b64(key.data(), key.size()) + "\r\na=aesiv:" + b64(aes_iv.data(), 16) + "\r\n";
     // Senders leave out the challenge's "==" padding.
-    return request("ANNOUNCE", "Content-Type: application/sdp\r\nApple-Challenge: " +
-                                   b64(challenge_.data(), 16).substr(0, 22) + "\r\n", sdp);
-}
-
-std::string AirtunesSender::setup() {
-    return request("SETUP", "Transport: RTP/AVP/UDP;unicast;mode=record;control_port=6001;"
-                            "timing_port=6002\r\n");
-}
-
-bool AirtunesSender::start_stream() {
-    return status_code(announce()) == 200 && status_code(setup()) == 200 &&
-           status_code(request("RECORD", "RTP-Info: seq=1000;rtptime=0\r\n")) == 200;
+    return request("ANNOUNCE",
+                   "Content-Type: application/sdp\r\nApple-Challenge: " +
+                       b64(challenge_.data(), 16).substr(0, 22) + "\r\n",
+                   sdp);
 }
 
 bool AirtunesSender::verify_apple_response(const std::string& reply) const {
     std::string value = header_value(reply, "Apple-Response");
     std::vector<uint8_t> signature(value.size());
-    signature.resize(static_cast<size_t>(base64_decode(signature.data(), signature.size(), value.c_str())));
+    signature.resize(
+        static_cast<size_t>(base64_decode(signature.data(), signature.size(), value.c_str())));
     std::vector<uint8_t> expected(challenge_.begin(), challenge_.end());
     expected.resize(32, 0);
     ::inet_pton(AF_INET, kBoxIp, &expected[16]);
@@ -140,7 +120,8 @@ std::vector<AlacVector> alac_vectors() {
     for (std::string line; std::getline(in, line);) {
         std::istringstream fields(line);
         AlacVector v;
-        if (line.starts_with('#') || !(fields >> v.name >> v.bits >> v.channels >> v.frames >> v.samples))
+        if (line.starts_with('#') ||
+            !(fields >> v.name >> v.bits >> v.channels >> v.frames >> v.samples))
             continue;
         for (int value; fields >> value;) v.fmtp.push_back(value);
         out.push_back(v);
@@ -161,10 +142,6 @@ std::vector<Frame> load_alac_frames(const std::string& name) {
     return frames;
 }
 
-std::string load_alac_pcm(const std::string& name) {
-    return read_file(source_dir() + "/tests/data/alac/" + name + ".pcm");
-}
-
 RtpSender::RtpSender(const std::array<uint8_t, 16>& k, const std::array<uint8_t, 16>& v,
                      const std::string& source)
     : key(k), iv(v), sock(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
@@ -173,11 +150,10 @@ RtpSender::RtpSender(const std::array<uint8_t, 16>& k, const std::array<uint8_t,
     ::bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
 }
 
-RtpSender::~RtpSender() { ::close(sock); }
-
 Frame RtpSender::encrypt(const Frame& frame) const {
     Frame out = frame;
-    aes_encrypt_payload(frame.data(), out.data(), static_cast<int>(frame.size()), iv.data(), key.data());
+    aes_encrypt_payload(frame.data(), out.data(), static_cast<int>(frame.size()), iv.data(),
+                        key.data());
     return out;
 }
 
@@ -205,7 +181,8 @@ bool RtpSender::send_frames(const std::vector<Frame>& frames, double speed) {
     const std::chrono::duration<double> frame_time(352 / 44100.0 / (speed > 0 ? speed : 1e9));
     for (size_t i = 0; i < frames.size(); ++i, ++seq, timestamp += 352) {
         std::this_thread::sleep_until(
-            start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(frame_time * i));
+            start +
+            std::chrono::duration_cast<std::chrono::steady_clock::duration>(frame_time * i));
         if (!send(packet(frames[i], seq, timestamp))) return false;
     }
     return true;

@@ -3,6 +3,8 @@
 // session's key and IV.
 #pragma once
 
+#include <unistd.h>
+
 #include <array>
 #include <cstdint>
 #include <string>
@@ -12,7 +14,9 @@
 
 namespace zt {
 
-Client connect_rtsp();  // from the sender's address to the daemon's port 5000
+inline Client connect_rtsp() {
+    return connect_from("192.0.2.20", "192.0.2.10", 5000);
+}
 // One reply: a header block with its body, or a bare status line once nothing more arrives
 // for 300 ms; "" when nothing came.
 std::string recv_rtsp_reply(Client& c);
@@ -22,17 +26,33 @@ std::string dmap_item(const std::string& tag, const std::string& value);
 class AirtunesSender {
    public:
     explicit AirtunesSender(std::string device_id = "0A1B2C3D4E5F60");  // random key and IV
-    std::string connect();  // OPTIONS on a connection of its own (its reply), then `conn`
+    // OPTIONS on a connection of its own (its reply), then the session's connection.
+    std::string connect() {
+        Client first = connect_rtsp();
+        first.send(request_text("OPTIONS"));
+        std::string reply = recv_rtsp_reply(first);
+        conn = connect_rtsp();
+        return reply;
+    }
     // A request with the next CSeq, the device id, headers (CR LF each) and the body.
     std::string request_text(const std::string& method, const std::string& headers = "",
                              const std::string& body = "");
     std::string request(const std::string& method, const std::string& headers = "",
-                        const std::string& body = "");
+                        const std::string& body = "") {
+        return conn.send(request_text(method, headers, body)) ? recv_rtsp_reply(conn) : "";
+    }
     std::string options_with_challenge();
     // ANNOUNCE of the ALAC stream: the key under the box's public key, the IV, a challenge.
     std::string announce();
-    std::string setup();
-    bool start_stream();  // ANNOUNCE, SETUP and RECORD, each answered 200
+    std::string setup() {
+        return request("SETUP",
+                       "Transport: RTP/AVP/UDP;unicast;mode=record;control_port=6001;"
+                       "timing_port=6002\r\n");
+    }
+    bool start_stream() {  // ANNOUNCE, SETUP and RECORD, each answered 200
+        return status_code(announce()) == 200 && status_code(setup()) == 200 &&
+               status_code(request("RECORD", "RTP-Info: seq=1000;rtptime=0\r\n")) == 200;
+    }
     // The Apple-Response is the box key's signature over the last challenge, eth0's IPv4 and MAC.
     bool verify_apple_response(const std::string& reply) const;
 
@@ -56,12 +76,14 @@ struct AlacVector {
 };
 std::vector<AlacVector> alac_vectors();
 std::vector<Frame> load_alac_frames(const std::string& name);
-std::string load_alac_pcm(const std::string& name);
+inline std::string load_alac_pcm(const std::string& name) {
+    return read_file(source_dir() + "/tests/data/alac/" + name + ".pcm");
+}
 
 struct RtpSender {
     RtpSender(const std::array<uint8_t, 16>& key, const std::array<uint8_t, 16>& iv,
               const std::string& source = "192.0.2.20");
-    ~RtpSender();
+    ~RtpSender() { ::close(sock); }
     // The whole 16-byte blocks with AES-128-CBC from the IV, the rest in clear.
     Frame encrypt(const Frame& frame) const;
     // 12-byte RTP header (type 0x60, marker set) and the encrypted frame; a retransmission

@@ -12,8 +12,8 @@ namespace {
 // A sanitizer report from any thread must fail the test, though the process goes on or is
 // stopped by a signal, so that its exit status does not tell.
 void expect_no_sanitizer_report(const char* name, const std::string& log) {
-    for (const char* mark : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:",
-                             "WARNING: ThreadSanitizer"}) {
+    for (const char* mark : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                             "runtime error:", "WARNING: ThreadSanitizer"}) {
         size_t at = log.find(mark);
         if (at != std::string::npos) ADD_FAILURE() << name << ": " << log.substr(at, 4000);
     }
@@ -37,7 +37,9 @@ bool Box::start(const std::vector<std::string>& player_options) {
     return start_player(player_options) && start_daemon();
 }
 
-int Box::stop_daemon() { return daemon_.running() ? daemon_.stop(SIGTERM) : -1; }
+int Box::stop_daemon() {
+    return daemon_.running() ? daemon_.stop(SIGTERM) : -1;
+}
 
 void Box::stop() {
     bool ran = daemon_.running() || player_.running();
@@ -60,9 +62,14 @@ std::vector<PlayerCommand> Box::commands() const {
 }
 
 size_t Box::count(const std::string& name) const {
-    size_t n = 0;
-    for (const auto& c : commands()) n += c.name == name;
-    return n;
+    return targets(name).size();
+}
+
+std::vector<std::string> Box::targets(const std::string& name) const {
+    std::vector<std::string> out;
+    for (const auto& c : commands())
+        if (c.name == name) out.push_back(c.target);
+    return out;
 }
 
 bool Box::wait_command(const std::string& name, size_t n, std::chrono::milliseconds timeout) const {

@@ -29,8 +29,9 @@ class Box {
 
     std::string daemon_log() const { return daemon_.log(); }
     Process& daemon() { return daemon_; }
-    std::vector<PlayerCommand> commands() const;  // so far, in order
-    size_t count(const std::string& name) const;  // commands named name so far
+    std::vector<PlayerCommand> commands() const;                      // so far, in order
+    size_t count(const std::string& name) const;                      // commands named name so far
+    std::vector<std::string> targets(const std::string& name) const;  // of those, in order
     bool wait_command(const std::string& name, size_t count = 1,
                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
     // A control request to player_sim ("/sim/force?vod=play"); the reply body.

@@ -32,10 +32,12 @@ bool MediaFileServer::start(std::string file, const std::string& host, int port,
 
 std::string MediaFileServer::wait_request(size_t count, std::chrono::milliseconds timeout) const {
     std::string out;
-    wait_until([&] {
-        std::lock_guard<std::mutex> hold(lock_);
-        return requests_.size() >= count && !(out = requests_[count - 1]).empty();
-    }, timeout);
+    wait_until(
+        [&] {
+            std::lock_guard<std::mutex> hold(lock_);
+            return requests_.size() >= count && !(out = requests_[count - 1]).empty();
+        },
+        timeout);
     return out;
 }
 
@@ -49,7 +51,8 @@ void MediaFileServer::serve(int fd) {
     }
     while (held_ && !stop_) std::this_thread::sleep_for(std::chrono::milliseconds(20));
     std::string range = header_value(request, "Range");
-    long long offset = std::clamp(range.starts_with("bytes=") ? std::atoll(&range[6]) : 0LL, 0LL, size_);
+    long long offset =
+        std::clamp(range.starts_with("bytes=") ? std::atoll(&range[6]) : 0LL, 0LL, size_);
     std::string reply = offset > 0 ? "HTTP/1.1 206 Partial Content\r\n" : "HTTP/1.1 200 OK\r\n";
     if (request.find("nolength") == std::string::npos)
         reply += "Content-Length: " + std::to_string(size_ - offset) + "\r\n";

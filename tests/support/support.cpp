@@ -54,8 +54,12 @@ ssize_t read_more(int fd, std::string& data, Clock::time_point deadline) {
 
 }  // namespace
 
-std::string build_dir() { return env_or("ZOR_BUILD_DIR", ZOR_DEFAULT_BUILD_DIR); }
-std::string source_dir() { return env_or("ZOR_SOURCE_DIR", ZOR_DEFAULT_SOURCE_DIR); }
+std::string build_dir() {
+    return env_or("ZOR_BUILD_DIR", ZOR_DEFAULT_BUILD_DIR);
+}
+std::string source_dir() {
+    return env_or("ZOR_SOURCE_DIR", ZOR_DEFAULT_SOURCE_DIR);
+}
 
 bool wait_until(const std::function<bool()>& cond, milliseconds timeout) {
     for (auto deadline = Clock::now() + timeout; Clock::now() < deadline;) {
@@ -93,10 +97,13 @@ bool Process::start(const std::vector<std::string>& argv, const std::string& log
 
 int Process::wait_exit(milliseconds timeout) {
     int status = 0;
-    if (pid_ <= 0 || !wait_until([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout))
+    if (pid_ <= 0 ||
+        !wait_until([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout))
         return -1;
     pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+    return WIFEXITED(status)     ? WEXITSTATUS(status)
+           : WIFSIGNALED(status) ? 128 + WTERMSIG(status)
+                                 : -1;
 }
 
 int Process::stop(int sig, milliseconds timeout) {
@@ -178,7 +185,7 @@ Client connect_from(const std::string& source, const std::string& host, int port
     Client c(::socket(AF_INET, SOCK_STREAM, 0));
     if (rcvbuf > 0) ::setsockopt(c.fd(), SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf));
     return attach(c.fd(), source, 0, true) && attach(c.fd(), host, port, false) ? std::move(c)
-                                                                                 : Client();
+                                                                                : Client();
 }
 
 SocketPair::SocketPair() {
@@ -216,7 +223,8 @@ std::string header_value(const std::string& message, const std::string& name) {
     size_t at = message.find("\r\n" + name + ":");
     if (at == std::string::npos) return {};
     size_t start = message.find_first_not_of(' ', at + name.size() + 3);
-    return start == std::string::npos ? "" : message.substr(start, message.find("\r\n", start) - start);
+    return start == std::string::npos ? ""
+                                      : message.substr(start, message.find("\r\n", start) - start);
 }
 
 int status_code(const std::string& message) {
@@ -227,7 +235,9 @@ int status_code(const std::string& message) {
 size_t message_length(const std::string& data) {
     size_t end = data.find("\r\n\r\n");
     if (end == std::string::npos) return 0;
-    size_t total = end + 4 + std::strtoul(header_value(data.substr(0, end + 4), "Content-Length").c_str(), nullptr, 10);
+    size_t total =
+        end + 4 +
+        std::strtoul(header_value(data.substr(0, end + 4), "Content-Length").c_str(), nullptr, 10);
     return data.size() >= total ? total : 0;
 }
 
