@@ -2,6 +2,8 @@
 // inside the test's sandbox, with what each of them saw.
 #pragma once
 
+#include <signal.h>
+
 #include <string>
 #include <vector>
 
@@ -23,21 +25,28 @@ class Box {
     // player_sim with extra options (e.g. {"--vod-status", "play"}); false unless 8008 answers.
     bool start_player(const std::vector<std::string>& options = {});
     bool start_daemon();  // false unless port 7000 accepts
-    bool start(const std::vector<std::string>& player_options = {});  // both, player first
-    int stop_daemon();  // SIGTERM; the exit status, -1 if it hung
+    bool start(const std::vector<std::string>& player_options = {}) {  // both, player first
+        return start_player(player_options) && start_daemon();
+    }
+    int stop_daemon() { return daemon_.running() ? daemon_.stop(SIGTERM) : -1; }  // its status
     void stop();
 
     std::string daemon_log() const { return daemon_.log(); }
     Process& daemon() { return daemon_; }
-    std::vector<PlayerCommand> commands() const;                      // so far, in order
-    size_t count(const std::string& name) const;                      // commands named name so far
-    std::vector<std::string> targets(const std::string& name) const;  // of those, in order
-    bool wait_command(const std::string& name, size_t count = 1,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+    std::vector<PlayerCommand> commands() const;  // so far, in order
+    // The targets of the commands named name so far, in order.
+    std::vector<std::string> targets(const std::string& name) const;
+    size_t count(const std::string& name) const { return targets(name).size(); }
+    bool wait_command(const std::string& name, size_t n = 1,
+                      std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
+        return wait_until([&] { return count(name) >= n; }, timeout);
+    }
     // A control request to player_sim ("/sim/force?vod=play"); the reply body.
     std::string sim(const std::string& target) const;
     bool wait_log(const std::string& text,
-                  std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+                  std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
+        return wait_until([&] { return daemon_log().find(text) != std::string::npos; }, timeout);
+    }
 
     static constexpr const char* kSimOut = "/tmp/player_sim";
 

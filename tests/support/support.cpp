@@ -1,20 +1,23 @@
+// The helpers of support.h, Box and MediaFileServer.
 #include "support/support.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <thread>
-#include <utility>
+
+#include "support/box.h"
+#include "support/media_server.h"
 
 namespace zt {
 
@@ -52,6 +55,16 @@ ssize_t read_more(int fd, std::string& data, Clock::time_point deadline) {
     return n;
 }
 
+// A sanitizer report from any thread must fail the test, though the process goes on or is
+// stopped by a signal, so that its exit status does not tell.
+void expect_no_sanitizer_report(const char* name, const std::string& log) {
+    for (const char* mark : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                             "runtime error:", "WARNING: ThreadSanitizer"}) {
+        size_t at = log.find(mark);
+        if (at != std::string::npos) ADD_FAILURE() << name << ": " << log.substr(at, 4000);
+    }
+}
+
 }  // namespace
 
 std::string build_dir() {
@@ -79,10 +92,6 @@ bool file_exists(const std::string& path) {
     return ::lstat(path.c_str(), &st) == 0;
 }
 
-Process::~Process() {
-    if (pid_ > 0) stop(SIGKILL, std::chrono::seconds(5));
-}
-
 bool Process::start(const std::vector<std::string>& argv, const std::string& log_path) {
     log_path_ = log_path;
     if ((pid_ = ::fork()) != 0) return pid_ > 0;
@@ -107,13 +116,10 @@ int Process::wait_exit(milliseconds timeout) {
 }
 
 int Process::stop(int sig, milliseconds timeout) {
-    if (pid_ <= 0) return -1;
-    ::kill(pid_, sig);
+    if (pid_ > 0) ::kill(pid_, sig);
     int rc = wait_exit(timeout);
-    if (rc == -1 && pid_ > 0) {  // it hung: kill and reap it
-        ::kill(pid_, SIGKILL);
-        ::waitpid(std::exchange(pid_, -1), nullptr, 0);
-    }
+    if (rc == -1 && pid_ > 0)  // it hung: kill and reap it
+        ::kill(pid_, SIGKILL), ::waitpid(std::exchange(pid_, -1), nullptr, 0);
     return rc;
 }
 
@@ -122,11 +128,6 @@ Client& Client::operator=(Client&& other) noexcept {
     std::swap(fd_, other.fd_);
     pending_ = std::move(other.pending_);
     return *this;
-}
-
-void Client::close() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
 }
 
 Client Client::connect(const std::string& host, int port, milliseconds retry_for) {
@@ -188,25 +189,6 @@ Client connect_from(const std::string& source, const std::string& host, int port
                                                                                 : Client();
 }
 
-SocketPair::SocketPair() {
-    int fds[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0) sock = fds[0], peer = fds[1];
-}
-
-SocketPair::~SocketPair() {
-    if (sock >= 0) ::close(sock);
-    close_peer();
-}
-
-bool SocketPair::send(const std::string& bytes) {
-    return ::write(peer, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
-}
-
-void SocketPair::close_peer() {
-    if (peer >= 0) ::close(peer);
-    peer = -1;
-}
-
 int listen_on(const std::string& host, int port) {
     int fd = ::socket(AF_INET, SOCK_STREAM, 0), one = 1;
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
@@ -244,6 +226,105 @@ size_t message_length(const std::string& data) {
 std::string body_of(const std::string& message) {
     size_t end = message.find("\r\n\r\n");
     return end == std::string::npos ? std::string() : message.substr(end + 4);
+}
+
+bool Box::start_player(const std::vector<std::string>& options) {
+    std::vector<std::string> argv{build_dir() + "/player_sim", "--out", kSimOut};
+    argv.insert(argv.end(), options.begin(), options.end());
+    return player_.start(argv, "/tmp/player_sim.log") &&
+           wait_until([] { return Client::connect("127.0.0.1", 8008, {}).ok(); });
+}
+
+bool Box::start_daemon() {
+    return daemon_.start({build_dir() + "/zor_airplay"}, "/tmp/zor_airplay.log") &&
+           wait_until([] { return Client::connect("127.0.0.1", 7000, {}).ok(); });
+}
+
+void Box::stop() {
+    bool ran = daemon_.running() || player_.running();
+    stop_daemon();
+    if (player_.running()) player_.stop(SIGTERM, std::chrono::seconds(5));
+    if (!ran) return;
+    expect_no_sanitizer_report("zor_airplay", daemon_.log());
+    expect_no_sanitizer_report("player_sim", player_.log());
+}
+
+// commands.log: time TAB name TAB target, one a line.
+std::vector<PlayerCommand> Box::commands() const {
+    std::vector<PlayerCommand> out;
+    std::istringstream in(read_file(std::string(kSimOut) + "/commands.log"));
+    PlayerCommand c;
+    while (in >> c.time_ms && in.get() == '\t' && std::getline(in, c.name, '\t') &&
+           std::getline(in, c.target))
+        out.push_back(c);
+    return out;
+}
+
+std::vector<std::string> Box::targets(const std::string& name) const {
+    std::vector<std::string> out;
+    for (const auto& c : commands())
+        if (c.name == name) out.push_back(c.target);
+    return out;
+}
+
+std::string Box::sim(const std::string& target) const {
+    Client c = Client::connect("127.0.0.1", 8008);
+    c.send("GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1:8008\r\n\r\n");
+    return body_of(c.recv_all());
+}
+
+MediaFileServer::~MediaFileServer() {
+    stop_ = true;
+    if (acceptor_.joinable()) acceptor_.join();
+    for (std::thread& t : workers_) t.join();
+    if (listen_fd_ >= 0) ::close(listen_fd_);
+}
+
+bool MediaFileServer::start(std::string file, const std::string& host, int port, long long repeat) {
+    file_ = std::move(file);
+    size_ = static_cast<long long>(file_.size()) * repeat;
+    if ((listen_fd_ = listen_on(host, port)) < 0) return false;
+    acceptor_ = std::thread([this] {
+        while (!stop_) {
+            int fd = accept_one(listen_fd_, std::chrono::milliseconds(100));
+            std::lock_guard<std::mutex> hold(lock_);
+            if (fd >= 0) workers_.emplace_back([this, fd] { serve(fd); });
+        }
+    });
+    return true;
+}
+
+std::string MediaFileServer::wait_request(size_t count, std::chrono::milliseconds timeout) const {
+    std::string out;
+    wait_until(
+        [&] {
+            std::lock_guard<std::mutex> hold(lock_);
+            return requests_.size() >= count && !(out = requests_[count - 1]).empty();
+        },
+        timeout);
+    return out;
+}
+
+void MediaFileServer::serve(int fd) {
+    Client peer(fd);
+    std::string request = peer.recv_message(std::chrono::seconds(5));
+    if (request.empty()) return;
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        requests_.push_back(request);
+    }
+    while (held_ && !stop_) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::string range = header_value(request, "Range");
+    long long offset =
+        std::clamp(range.starts_with("bytes=") ? std::atoll(&range[6]) : 0LL, 0LL, size_);
+    std::string reply = offset > 0 ? "HTTP/1.1 206 Partial Content\r\n" : "HTTP/1.1 200 OK\r\n";
+    if (request.find("nolength") == std::string::npos)
+        reply += "Content-Length: " + std::to_string(size_ - offset) + "\r\n";
+    if (!peer.send(reply + "\r\n") || request.starts_with("HEAD")) return;
+    for (long long at = offset, n = 1; at < size_ && n > 0 && !stop_; at += n) {
+        size_t in_file = static_cast<size_t>(at) % file_.size();
+        n = ::send(fd, &file_[in_file], file_.size() - in_file, MSG_NOSIGNAL);
+    }
 }
 
 }  // namespace zt

@@ -2,11 +2,15 @@
 // clients, waiting for conditions, reading HTTP/RTSP messages.
 #pragma once
 
+#include <signal.h>
+#include <sys/socket.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace zt {
@@ -26,7 +30,7 @@ class Process {
     Process() = default;
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
-    ~Process();
+    ~Process() { stop(SIGKILL, std::chrono::seconds(5)); }
     bool start(const std::vector<std::string>& argv, const std::string& log_path);
     // Sends sig; the exit status, or -1 when it did not end within timeout (then killed).
     int stop(int sig, std::chrono::milliseconds timeout = std::chrono::seconds(12));
@@ -62,7 +66,7 @@ class Client {
     std::string recv_message(std::chrono::milliseconds timeout = std::chrono::seconds(5));
     std::string recv_all(std::chrono::milliseconds timeout = std::chrono::seconds(5));
     bool closed_by_peer(std::chrono::milliseconds timeout = std::chrono::seconds(5));
-    void close();
+    void close() { ::close(std::exchange(fd_, -1)); }
 
    private:
     int fd_ = -1;
@@ -75,12 +79,17 @@ Client connect_from(const std::string& source, const std::string& host, int port
 // A connected pair of local stream sockets: the code under test uses sock, the test peer.
 struct SocketPair {
     int sock = -1, peer = -1;
-    SocketPair();
-    ~SocketPair();
+    SocketPair() {
+        int fds[2];
+        if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0) sock = fds[0], peer = fds[1];
+    }
+    ~SocketPair() { ::close(sock), close_peer(); }
     SocketPair(const SocketPair&) = delete;
     SocketPair& operator=(const SocketPair&) = delete;
-    bool send(const std::string& bytes);  // all of bytes on the peer's side
-    void close_peer();
+    bool send(const std::string& b) {
+        return ::write(peer, b.data(), b.size()) == ssize_t(b.size());
+    }
+    void close_peer() { ::close(std::exchange(peer, -1)); }
 };
 
 int listen_on(const std::string& host, int port);  // the descriptor, -1 on failure
