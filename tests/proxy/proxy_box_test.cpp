@@ -62,10 +62,10 @@ TEST(Proxy, ByteForByteUpstreamRefusalsAndAStalledConnection) {
     };
     size_t n = 0;
     for (const auto& [c, request, offset, upstream] : cases) {
+        const std::string row = request.substr(0, 60);
         c.send(request);
-        EXPECT_TRUE(zt::body_of(c.recv_message(10s)) == file.substr(offset))
-            << request.substr(0, 60);
-        EXPECT_EQ(media.wait_request(++n).substr(0, upstream.size()), upstream);  // whole or head
+        EXPECT_TRUE(zt::body_of(c.recv_message(10s)) == file.substr(offset)) << row;
+        EXPECT_EQ(media.wait_request(++n).substr(0, upstream.size()), upstream) << row;
     }
     // Refusals: a peer from outside, and targets that are no media server.
     EXPECT_TRUE(zt::connect_from("192.0.2.20", "192.0.2.10", 4000).closed_by_peer());
