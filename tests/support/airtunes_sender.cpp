@@ -17,10 +17,6 @@
 namespace zt {
 namespace {
 
-// The sandbox's network: eth0 of the box, its MAC, and the sender's address.
-const char kBoxIp[] = "192.0.2.10";
-const uint8_t kBoxMac[] = {0x02, 0x5a, 0x4f, 0x52, 0x00, 0x01};
-
 std::string b64(const uint8_t* data, size_t n) {
     std::vector<char> out(n * 2 + 4);
     base64_encode(out.data(), out.size(), data, static_cast<int>(n));
@@ -108,9 +104,8 @@ bool AirtunesSender::verify_apple_response(const std::string& reply) const {
     signature.resize(
         static_cast<size_t>(base64_decode(signature.data(), signature.size(), value.c_str())));
     std::vector<uint8_t> expected(challenge_.begin(), challenge_.end());
-    expected.resize(32, 0);
-    ::inet_pton(AF_INET, kBoxIp, &expected[16]);
-    std::copy(std::begin(kBoxMac), std::end(kBoxMac), &expected[20]);
+    for (uint8_t b : {192, 0, 2, 10, 0x02, 0x5a, 0x4f, 0x52, 0x00, 0x01}) expected.push_back(b);
+    expected.resize(32, 0);  // the sandbox's eth0: its address and MAC
     return value.size() == 342 && rsa_public(signature.data(), signature.size(), false) == expected;
 }
 
@@ -158,8 +153,7 @@ Frame RtpSender::encrypt(const Frame& frame) const {
 }
 
 Frame RtpSender::packet(const Frame& frame, uint16_t seq_no, uint32_t ts, bool resend) const {
-    Frame out;
-    if (resend) out = {0x80, 0xD6, 0x00, 0x01};
+    Frame out = resend ? Frame{0x80, 0xD6, 0x00, 0x01} : Frame{};
     const uint32_t seq32 = seq_no;
     for (uint32_t b : {0x80u, 0xE0u, seq32 >> 8, seq32, ts >> 24, ts >> 16, ts >> 8, ts, 0x12u,
                        0x34u, 0x56u, 0x78u})
@@ -171,7 +165,7 @@ Frame RtpSender::packet(const Frame& frame, uint16_t seq_no, uint32_t ts, bool r
 
 bool RtpSender::send(const Frame& datagram, int port) const {
     sockaddr_in to{AF_INET, htons(static_cast<uint16_t>(port)), {}, {}};
-    inet_pton(AF_INET, kBoxIp, &to.sin_addr);
+    inet_pton(AF_INET, "192.0.2.10", &to.sin_addr);
     return ::sendto(sock, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&to),
                     sizeof(to)) == static_cast<ssize_t>(datagram.size());
 }
