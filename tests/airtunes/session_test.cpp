@@ -42,13 +42,14 @@ TEST(AirtunesSession, WholeSessionOwnershipAndKeyStop) {
     ASSERT_TRUE(box.start({"--aod-status", "stop", "--vod-status", "play"}));
     Client airplay = Client::connect("127.0.0.1", 7000);
     std::string play = "Content-Location: http://192.0.2.20:1/v.mp4\r\n";
-    airplay.send("GET /server-info HTTP/1.1\r\nX-Apple-Session-ID: 1\r\n\r\nPOST /play HTTP/1.1\r\n"
-                 "Content-Type: text/parameters\r\nContent-Length: " + std::to_string(play.size()) +
-                 "\r\n\r\n" + play);
+    airplay.send(
+        "GET /server-info HTTP/1.1\r\nX-Apple-Session-ID: 1\r\n\r\nPOST /play HTTP/1.1\r\n"
+        "Content-Type: text/parameters\r\nContent-Length: " +
+        std::to_string(play.size()) + "\r\n\r\n" + play);
     ASSERT_TRUE(box.wait_command("get_current_vod_info", 2));
     AirtunesSender a, b("FFEEDDCCBBAA99");
     ASSERT_EQ(a.connect(), kOk + kJack + "CSeq: 1\r\n\r\n");  // player stopped: no Public
-    start_stream(a);  // its ANNOUNCE stops the video
+    start_stream(a);                                          // its ANNOUNCE stops the video
     EXPECT_EQ(box.targets("stop_vod"), std::vector<std::string>{"/playback?arg0=stop_vod"});
     EXPECT_TRUE(box.wait_log("Successfully decrypted key: 16"));
 
@@ -147,7 +148,7 @@ void start_playing(Box& box, AirtunesSender& rtsp) {
     rtsp.connect();
     ASSERT_TRUE(rtsp.start_stream());
     ASSERT_EQ(status_code(rtsp.request("SET_PARAMETER", "Content-Type: image/jpeg\r\n",
-                                           "\xff\xd8\xff\xd9")),
+                                       "\xff\xd8\xff\xd9")),
               200);
     ASSERT_TRUE(box.wait_command("start_aod"));
     EXPECT_EQ(box.targets("start_aod"),
@@ -173,8 +174,7 @@ TEST(AudioStream, PlaysBitExactRestartsOnRecordAndEndsOnSigterm) {
         half.insert(half.end(), frames.begin(), frames.end());
         half_pcm += pcm;
     }
-    RtpSender sender(rtsp.aes_key, rtsp.aes_iv),
-        foreign(rtsp.aes_key, rtsp.aes_iv, "192.0.2.10");
+    RtpSender sender(rtsp.aes_key, rtsp.aes_iv), foreign(rtsp.aes_key, rtsp.aes_iv, "192.0.2.10");
     ASSERT_TRUE(sender.send_frames(half));
     sender.send(sender.packet(frames[3], 1003, 1056, true), 6001);
     std::this_thread::sleep_for(50ms);
@@ -190,6 +190,9 @@ TEST(AudioStream, PlaysBitExactRestartsOnRecordAndEndsOnSigterm) {
     EXPECT_GE(got.size(), expected.size() * 95 / 100);
     EXPECT_TRUE(expected.ends_with(got)) << got.size() << " of " << expected.size();
     EXPECT_FALSE(box.wait_command("start_aod", 2, 100ms));
+    const auto polls = box.targets("get_current_aod_info");  // the audio state's polls
+    EXPECT_FALSE(polls.empty());
+    EXPECT_EQ(polls, std::vector<std::string>(polls.size(), "/playback?arg0=get_current_aod_info"));
 
     // TEARDOWN while playing stops the player; the next RECORD makes a new pipe and waits
     // for a reader, which never comes (start_aod answered late): SIGTERM still ends it.
