@@ -5,25 +5,17 @@
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <sstream>
 #include <thread>
-#include <vector>
 
 #include "tools/decipher/aes.h"
 #include "tools/decipher/base64.h"
 
 namespace zt {
 namespace {
-
-std::string env_or(const char* name, const char* fallback) {
-    const char* v = std::getenv(name);
-    return v != nullptr && *v != '\0' ? v : fallback;
-}
 
 std::string b64(const uint8_t* data, size_t n) {
     std::vector<char> out(n * 2 + 4);
@@ -34,7 +26,8 @@ std::string b64(const uint8_t* data, size_t n) {
 // The public-key side of the daemon's two private-key operations: OAEP encryption of the
 // stream key, recovery of the PKCS #1 v1.5 signed message.
 std::vector<uint8_t> rsa_public(const uint8_t* in, size_t n, bool encrypt) {
-    FILE* f = std::fopen(env_or("ZOR_RSA_PUBKEY", "/opt/zor/app/airplay/RAOPKey.pub").c_str(), "r");
+    const char* path = std::getenv("ZOR_RSA_PUBKEY");  // set by the sandbox
+    FILE* f = path ? std::fopen(path, "r") : nullptr;
     if (f == nullptr) return {};
     std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
         PEM_read_PUBKEY(f, nullptr, nullptr, nullptr), EVP_PKEY_free);
@@ -58,23 +51,17 @@ std::vector<uint8_t> rsa_public(const uint8_t* in, size_t n, bool encrypt) {
 
 std::string dmap_item(const std::string& tag, const std::string& value) {
     std::string s = tag;
-    for (int shift = 24; shift >= 0; shift -= 8) s += static_cast<char>((value.size() >> shift) & 255);
+    for (int shift = 24; shift >= 0; shift -= 8)
+        s += static_cast<char>((value.size() >> shift) & 255);
     return s + value;
 }
 
-std::string sender_ip() {
-    return env_or("ZOR_SENDER_IP", "192.0.2.20");
-}
-
-Client connect_rtsp() {
-    return connect_from(sender_ip(), env_or("ZOR_ETH0_IP", "192.0.2.10"), 5000);
-}
-
-// The first byte may take seconds: the daemon loads and checks its RSA key for each challenge
-// and stream key, which on the box's ARM (or the ARM build under emulation) is slow.
+// The first byte may take seconds: the daemon loads its RSA key for each challenge and stream
+// key, which is slow on the box's ARM and under emulation.
 std::string recv_rtsp_reply(Client& c) {
     std::string data = c.recv_some(std::chrono::seconds(30));
-    for (std::string more = "x"; !data.empty() && message_length(data) == 0 && !more.empty(); data += more)
+    for (std::string more = "x"; !data.empty() && message_length(data) == 0 && !more.empty();
+         data += more)
         more = c.recv_some(std::chrono::milliseconds(300));
     return data;
 }
@@ -82,14 +69,6 @@ std::string recv_rtsp_reply(Client& c) {
 AirtunesSender::AirtunesSender(std::string device_id) : device_id_(std::move(device_id)) {
     RAND_bytes(aes_key.data(), 16);
     RAND_bytes(aes_iv.data(), 16);
-}
-
-std::string AirtunesSender::connect() {
-    Client first = connect_rtsp();
-    first.send(request_text("OPTIONS"));
-    std::string reply = recv_rtsp_reply(first);
-    conn = connect_rtsp();
-    return reply;
 }
 
 std::string AirtunesSender::request_text(const std::string& method, const std::string& headers,
@@ -100,11 +79,6 @@ std::string AirtunesSender::request_text(const std::string& method, const std::s
            "\r\nX-Apple-Device-ID: " + device_id_ + "\r\n" + headers + length + "\r\n" + body;
 }
 
-std::string AirtunesSender::request(const std::string& method, const std::string& headers,
-                                    const std::string& body) {
-    return conn.send(request_text(method, headers, body)) ? recv_rtsp_reply(conn) : "";
-}
-
 std::string AirtunesSender::options_with_challenge() {
     RAND_bytes(challenge_.data(), 16);
     return request("OPTIONS", "Apple-Challenge: " + b64(challenge_.data(), 16) + "\r\n");
@@ -113,27 +87,15 @@ std::string AirtunesSender::options_with_challenge() {
 std::string AirtunesSender::announce() {
     RAND_bytes(challenge_.data(), 16);
     std::vector<uint8_t> key = rsa_public(aes_key.data(), 16, true);
-    std::string sdp = "v=0\r\no=iTunes 1 0 IN IP4 " + sender_ip() +
-                      "\r\nm=audio 0 RTP/AVP 96\r\na=rtpmap:96 AppleLossless\r\n"
-                      "a=fmtp:96 352 0 16 40 10 14 2 255 0 0 44100\r\na=rsaaeskey:" +
-                      b64(key.data(), key.size()) + "\r\na=aesiv:" + b64(aes_iv.data(), 16) +
-                      "\r\n";
+    std::string sdp =
+        "v=0\r\no=iTunes 1 0 IN IP4 192.0.2.20\r\nm=audio 0 RTP/AVP 96\r\n"
+        "a=rtpmap:96 AppleLossless\r\na=fmtp:96 352 0 16 40 10 14 2 255 0 0 44100\r\na=rsaaeskey:" +
+        b64(key.data(), key.size()) + "\r\na=aesiv:" + b64(aes_iv.data(), 16) + "\r\n";
     // Senders leave out the challenge's "==" padding.
     return request("ANNOUNCE",
                    "Content-Type: application/sdp\r\nApple-Challenge: " +
                        b64(challenge_.data(), 16).substr(0, 22) + "\r\n",
                    sdp);
-}
-
-std::string AirtunesSender::setup() {
-    return request("SETUP", "Transport: RTP/AVP/UDP;unicast;mode=record;control_port=" +
-                                std::to_string(control_port) +
-                                ";timing_port=" + std::to_string(timing_port) + "\r\n");
-}
-
-bool AirtunesSender::start_stream() {
-    return status_code(announce()) == 200 && status_code(setup()) == 200 &&
-           status_code(request("RECORD", "RTP-Info: seq=1000;rtptime=0\r\n")) == 200;
 }
 
 bool AirtunesSender::verify_apple_response(const std::string& reply) const {
@@ -142,11 +104,8 @@ bool AirtunesSender::verify_apple_response(const std::string& reply) const {
     signature.resize(
         static_cast<size_t>(base64_decode(signature.data(), signature.size(), value.c_str())));
     std::vector<uint8_t> expected(challenge_.begin(), challenge_.end());
-    expected.resize(32, 0);
-    ::inet_pton(AF_INET, env_or("ZOR_ETH0_IP", "192.0.2.10").c_str(), &expected[16]);
-    std::string mac = env_or("ZOR_ETH0_MAC", "02:5a:4f:52:00:01");
-    for (size_t i = 0; i < 6; ++i)
-        expected[20 + i] = static_cast<uint8_t>(std::stoul(mac.substr(3 * i, 2), nullptr, 16));
+    for (uint8_t b : {192, 0, 2, 10, 0x02, 0x5a, 0x4f, 0x52, 0x00, 0x01}) expected.push_back(b);
+    expected.resize(32, 0);  // the sandbox's eth0: its address and MAC
     return value.size() == 342 && rsa_public(signature.data(), signature.size(), false) == expected;
 }
 
@@ -156,7 +115,7 @@ std::vector<AlacVector> alac_vectors() {
     for (std::string line; std::getline(in, line);) {
         std::istringstream fields(line);
         AlacVector v;
-        if (line.empty() || line[0] == '#' ||
+        if (line.starts_with('#') ||
             !(fields >> v.name >> v.bits >> v.channels >> v.frames >> v.samples))
             continue;
         for (int value; fields >> value;) v.fmtp.push_back(value);
@@ -178,20 +137,12 @@ std::vector<Frame> load_alac_frames(const std::string& name) {
     return frames;
 }
 
-std::string load_alac_pcm(const std::string& name) {
-    return read_file(source_dir() + "/tests/data/alac/" + name + ".pcm");
-}
-
 RtpSender::RtpSender(const std::array<uint8_t, 16>& k, const std::array<uint8_t, 16>& v,
                      const std::string& source)
     : key(k), iv(v), sock(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     sockaddr_in addr{AF_INET, 0, {}, {}};
     inet_pton(AF_INET, source.c_str(), &addr.sin_addr);
     ::bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-}
-
-RtpSender::~RtpSender() {
-    ::close(sock);
 }
 
 Frame RtpSender::encrypt(const Frame& frame) const {
@@ -202,8 +153,7 @@ Frame RtpSender::encrypt(const Frame& frame) const {
 }
 
 Frame RtpSender::packet(const Frame& frame, uint16_t seq_no, uint32_t ts, bool resend) const {
-    Frame out;
-    if (resend) out = {0x80, 0xD6, 0x00, 0x01};
+    Frame out = resend ? Frame{0x80, 0xD6, 0x00, 0x01} : Frame{};
     const uint32_t seq32 = seq_no;
     for (uint32_t b : {0x80u, 0xE0u, seq32 >> 8, seq32, ts >> 24, ts >> 16, ts >> 8, ts, 0x12u,
                        0x34u, 0x56u, 0x78u})

@@ -1,7 +1,9 @@
-// The sender's side of AirTunes from the sender's address: the RTSP session with real RSA
-// and AES, and the RTP packets of ALAC frames (the committed streams of tests/data/alac)
-// encrypted under the session's key and IV.
+// The sender's side of AirTunes from 192.0.2.20: the RTSP session with real RSA and AES, and
+// RTP packets of ALAC frames (the committed streams of tests/data/alac) encrypted under the
+// session's key and IV.
 #pragma once
+
+#include <unistd.h>
 
 #include <array>
 #include <cstdint>
@@ -12,37 +14,49 @@
 
 namespace zt {
 
-std::string sender_ip();  // ZOR_SENDER_IP, 192.0.2.20 by default
-// Connects from sender_ip() to the daemon's RTSP port; an invalid Client on failure.
-Client connect_rtsp();
-// One reply: a header block with its Content-Length body, or a bare status line once nothing
-// more arrives for 300 ms. "" when nothing came within 8 s.
+inline Client connect_rtsp() {
+    return connect_from("192.0.2.20", "192.0.2.10", 5000);
+}
+// One reply: a header block with its body, or a bare status line once nothing more arrives
+// for 300 ms; "" when nothing came.
 std::string recv_rtsp_reply(Client& c);
-
-// A DMAP item as senders write metadata: 4-character tag, 32-bit big-endian length, value.
+// A DMAP item: 4-character tag, 32-bit big-endian length, value.
 std::string dmap_item(const std::string& tag, const std::string& value);
 
 class AirtunesSender {
    public:
     explicit AirtunesSender(std::string device_id = "0A1B2C3D4E5F60");  // random key and IV
-    // OPTIONS on a connection of its own, then the session connection; the first reply.
-    std::string connect();
+    // OPTIONS on a connection of its own (its reply), then the session's connection.
+    std::string connect() {
+        Client first = connect_rtsp();
+        first.send(request_text("OPTIONS"));
+        std::string reply = recv_rtsp_reply(first);
+        conn = connect_rtsp();
+        return reply;
+    }
     // A request with the next CSeq, the device id, headers (CR LF each) and the body.
     std::string request_text(const std::string& method, const std::string& headers = "",
                              const std::string& body = "");
     std::string request(const std::string& method, const std::string& headers = "",
-                        const std::string& body = "");
+                        const std::string& body = "") {
+        return conn.send(request_text(method, headers, body)) ? recv_rtsp_reply(conn) : "";
+    }
     std::string options_with_challenge();
     // ANNOUNCE of the ALAC stream: the key under the box's public key, the IV, a challenge.
     std::string announce();
-    std::string setup();  // control and timing ports
-    // ANNOUNCE, SETUP and RECORD; false unless each is answered 200.
-    bool start_stream();
+    std::string setup() {
+        return request("SETUP",
+                       "Transport: RTP/AVP/UDP;unicast;mode=record;control_port=6001;"
+                       "timing_port=6002\r\n");
+    }
+    bool start_stream() {  // ANNOUNCE, SETUP and RECORD, each answered 200
+        return status_code(announce()) == 200 && status_code(setup()) == 200 &&
+               status_code(request("RECORD", "RTP-Info: seq=1000;rtptime=0\r\n")) == 200;
+    }
     // The Apple-Response is the box key's signature over the last challenge, eth0's IPv4 and MAC.
     bool verify_apple_response(const std::string& reply) const;
 
     std::array<uint8_t, 16> aes_key{}, aes_iv{};
-    int control_port = 6001, timing_port = 6002;
     int cseq = 0;
     Client conn;
 
@@ -53,8 +67,8 @@ class AirtunesSender {
 
 using Frame = std::vector<uint8_t>;
 
-// A committed stream: tests/data/alac/NAME.frames (each frame behind a 4-byte big-endian
-// length) and NAME.pcm, its source PCM, listed in vectors.txt.
+// A committed stream listed in tests/data/alac/vectors.txt: NAME.frames (each frame behind a
+// 4-byte big-endian length) and NAME.pcm, its source PCM.
 struct AlacVector {
     std::string name;
     int bits = 0, channels = 0, frames = 0, samples = 0;
@@ -62,22 +76,21 @@ struct AlacVector {
 };
 std::vector<AlacVector> alac_vectors();
 std::vector<Frame> load_alac_frames(const std::string& name);
-std::string load_alac_pcm(const std::string& name);
+inline std::string load_alac_pcm(const std::string& name) {
+    return read_file(source_dir() + "/tests/data/alac/" + name + ".pcm");
+}
 
 struct RtpSender {
-    // Binds a UDP socket to source (any port).
     RtpSender(const std::array<uint8_t, 16>& key, const std::array<uint8_t, 16>& iv,
               const std::string& source = "192.0.2.20");
-    ~RtpSender();
-    // A sender's encryption: the whole 16-byte blocks with AES-128-CBC from the IV, the rest
-    // in clear.
+    ~RtpSender() { ::close(sock); }
+    // The whole 16-byte blocks with AES-128-CBC from the IV, the rest in clear.
     Frame encrypt(const Frame& frame) const;
-    // A datagram: 12-byte RTP header (type 0x60, marker set) and the encrypted frame; a
-    // retransmission puts its 4-byte prefix of type 0x56 in front.
+    // 12-byte RTP header (type 0x60, marker set) and the encrypted frame; a retransmission
+    // puts its 4-byte prefix of type 0x56 in front.
     Frame packet(const Frame& frame, uint16_t seq, uint32_t timestamp, bool resend = false) const;
     bool send(const Frame& datagram, int port = 6000) const;  // to the box
-    // Sends the frames as packets seq, seq + 1, ... (timestamps + 352) at speed times real
-    // time (0: as fast as the socket takes them). seq and timestamp move on.
+    // Packets seq, seq + 1, ... (timestamps + 352) at speed times real time (0: at once).
     bool send_frames(const std::vector<Frame>& frames, double speed = 1.0);
 
     std::array<uint8_t, 16> key, iv;

@@ -1,6 +1,8 @@
-// The box in a test: player_sim as the player and the real zor_airplay daemon, both
-// started inside the test's sandbox, with helpers to read what each of them saw.
+// The box in a test: player_sim as the player and the real zor_airplay daemon, both started
+// inside the test's sandbox, with what each of them saw.
 #pragma once
+
+#include <signal.h>
 
 #include <string>
 #include <vector>
@@ -16,35 +18,35 @@ struct PlayerCommand {
     std::string target;     // the raw request target, e.g. "/playback?arg0=stop_vod"
 };
 
+// Stopping (also at the end) fails the test when either process logged a sanitizer report.
 class Box {
    public:
     ~Box() { stop(); }
-
-    // Starts player_sim with extra options (e.g. {"--vod-status", "play"}); waits until its
-    // port 8008 answers. Returns false when it did not come up.
+    // player_sim with extra options (e.g. {"--vod-status", "play"}); false unless 8008 answers.
     bool start_player(const std::vector<std::string>& options = {});
-    // Starts zor_airplay; waits until port 7000 accepts. Returns false if it did not.
-    bool start_daemon();
-    // Both, player first.
-    bool start(const std::vector<std::string>& player_options = {});
-    // Ends the daemon with SIGTERM (returns its exit status, -1 if it hung) and the player.
-    int stop_daemon();
+    bool start_daemon();  // false unless port 7000 accepts
+    bool start(const std::vector<std::string>& player_options = {}) {  // both, player first
+        return start_player(player_options) && start_daemon();
+    }
+    int stop_daemon() { return daemon_.running() ? daemon_.stop(SIGTERM) : -1; }  // its status
     void stop();
 
     std::string daemon_log() const { return daemon_.log(); }
     Process& daemon() { return daemon_; }
-    // The commands player_sim has received so far, in order.
-    std::vector<PlayerCommand> commands() const;
-    // How many commands named `name` player_sim has received so far.
-    size_t count(const std::string& name) const;
-    // Waits until player_sim has logged `count` commands named `name`.
-    bool wait_command(const std::string& name, size_t count = 1,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-    // Sends a control request to player_sim ("/sim/force?vod=play"); returns the reply body.
+    std::vector<PlayerCommand> commands() const;  // so far, in order
+    // The targets of the commands named name so far, in order.
+    std::vector<std::string> targets(const std::string& name) const;
+    size_t count(const std::string& name) const { return targets(name).size(); }
+    bool wait_command(const std::string& name, size_t n = 1,
+                      std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
+        return wait_until([&] { return count(name) >= n; }, timeout);
+    }
+    // A control request to player_sim ("/sim/force?vod=play"); the reply body.
     std::string sim(const std::string& target) const;
-    // Waits until the daemon's log contains text.
     bool wait_log(const std::string& text,
-                  std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+                  std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
+        return wait_until([&] { return daemon_log().find(text) != std::string::npos; }, timeout);
+    }
 
     static constexpr const char* kSimOut = "/tmp/player_sim";
 

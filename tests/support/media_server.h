@@ -1,6 +1,6 @@
-// The sender's media server in a test: serves one file (repeated `repeat` times as one body)
-// at any path with Content-Length (none for a path with "nolength"), answers HEAD and
-// "Range: bytes=N-", and keeps every request byte for byte.
+// The sender's media server: serves one file (repeated `repeat` times as one body) at any path
+// with Content-Length (none for a path with "nolength"), answers HEAD and "Range: bytes=N-",
+// one request per connection, and keeps every request byte for byte.
 #pragma once
 
 #include <atomic>
@@ -17,11 +17,10 @@ class MediaFileServer {
     ~MediaFileServer();
     bool start(std::string file, const std::string& host = "192.0.2.20", int port = 8080,
                long long repeat = 1);
-    // Waits until count requests have arrived; returns the last of them ("" on time-out).
+    // The count-th request once it has arrived ("" on time-out).
     std::string wait_request(size_t count,
                              std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-    // While held, requests are logged but answered only once released.
-    void hold(bool on) { held_ = on; }
+    void hold(bool on) { held_ = on; }  // while on, requests are kept but not yet answered
 
    private:
     void serve(int fd);
