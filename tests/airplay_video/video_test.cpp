@@ -1,7 +1,5 @@
-// A sender playing videos on the real daemon in the sandbox: the start command that
-// player_sim receives for text and binary bodies, the bodies the daemon must refuse or
-// survive, and the rate, scrub and stop commands that the seek thread coalesces, as
-// player_sim logged them with their times.
+// A sender playing videos on the real daemon: the start commands player_sim gets for text and
+// binary bodies, bodies refused or survived, and the commands the seek thread coalesces.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -70,8 +68,7 @@ TEST_F(VideoPlay, BodiesToStartCommands) {
         // Binary bodies start the bare URL, with the position.
         {kBinary, simple, kUrl + kShow + "00.250000"},
         {kBinary, load_bplist("with_false"), kUrl + kShow + "00.000000"},
-        // Bodies are read whole when they arrive after their header (8.5 KB: more than the
-        // request reader takes in with the header block).
+        // Read whole after their header (8.5 KB: more than is read with the header block).
         {kBinary, load_bplist("large"), kUrl + kShow + "00.500000", 200, true},
         // Text bodies go through the proxy.
         {kText,
@@ -87,9 +84,8 @@ TEST_F(VideoPlay, BodiesToStartCommands) {
         // A URL far longer than 256 bytes still travels whole.
         {kText, "Content-Location: http://192.0.2.20:8080/" + path + "\n",
          kProxied + path + kShow + "00.000000"},
-        // Refused: neither body form, bodies cut short, one too large to be a play request
-        // (refused unread: the sender keeps its side open, so a read would wait), and a URL
-        // that does not fit the start command.
+        // Refused: neither form, cut short, too large (refused unread: a read would wait, the
+        // sender keeps its side open), a URL that does not fit the start command.
         {"application/octet-stream", "", "", 500},
         {kText, location, "", -1, false, static_cast<long>(location.size()) + 50},
         {kBinary, simple, "", 500, false, static_cast<long>(simple.size()) + 50},
@@ -148,9 +144,8 @@ TEST_F(VideoPlay, RequestsToPlayerCommands) {
         {{r0, "/scrub?position=100.000000", "/scrub?position=3725.200000"},
          seek + "01:02:05",
          true},
-        // A scrub alone seeks at once. Positions truncate toward zero; hours of 100 and more
-        // take the digits they need, negatives count as 0, and numbers beyond the int range
-        // are clamped to it.
+        // A scrub alone seeks at once. Positions truncate toward zero, hours take the digits
+        // they need, negatives count as 0, numbers beyond the int range are clamped.
         {{"/scrub?position=12.900000"}, seek + "00:00:12"},
         {{"/scrub?position=360059"}, seek + "100:00:59"},
         {{"/scrub?position=-5"}, seek + "00:00:00"},
@@ -174,8 +169,7 @@ TEST_F(VideoPlay, RequestsToPlayerCommands) {
         // A command meant to go at once may reach the player before the reply reaches us.
         EXPECT_TRUE(!c.held || sent.time_ms - last >= 950) << sent.time_ms - last;
     }
-    // Lets the seek thread's longest wait run out: a command it wrongly held back, or sent
-    // besides the one expected, would be there by now.
+    // After the seek thread's longest wait any command held back or sent besides is there.
     long long last = now_ms();
     zt::wait_until([&] { return now_ms() - last > 2500; });
     EXPECT_EQ(zt::control_names(box_), expected);
