@@ -1,7 +1,7 @@
 // The binary property-list reader against bodies written by Python's plistlib
-// (tests/airplay_video/bplists, made by make_bplists.py) and against broken bodies, and the
-// URL encoding of the start command. Every body is parsed from a heap buffer of exactly its
-// length, so a read past the end is caught by AddressSanitizer in the sanitizer build.
+// (tests/airplay_video/bplists, made by make_bplists.py) and against broken bodies. Every
+// body is parsed from a heap buffer of exactly its length, so a read past the end is caught
+// by AddressSanitizer in the sanitizer build.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -149,31 +149,18 @@ TEST(BplistReader, MalformedBodiesGiveNothing) {
     }
 }
 
-// Everything but letters and digits is escaped, a blank as "+"; port 7000's proxy prefixes
-// pass verbatim; a too small destination is never overrun, and escapes are never cut.
-TEST(UrlEncode, Table) {
-    const std::string proxy7000 = "http://127.0.0.1:7000/proxy?";
+// A too small destination is never overrun, and escapes are never cut.
+TEST(UrlEncode, SmallDestinations) {
     const struct {
         std::string src;
         size_t size;
         std::string encoded;
-        bool complete = true;
-    } cases[] = {
-        {"http://127.0.0.1:4000/proxy?url=http://h:80/a b+c_d-e%F@[`{.mp4", 5034,
-         "http%3A%2F%2F127%2E0%2E0%2E1%3A4000%2Fproxy%3Furl%3Dhttp%3A%2F%2Fh%3A80%2Fa+b%2Bc"
-         "%5Fd%2De%25F%40%5B%60%7B%2Emp4"},
-        {"\xe9\x7f", 5034, "%E9%7F"},
-        {"x/" + proxy7000 + "url=a:b", 5034, "x%2F" + proxy7000 + "url=a%3Ab"},
-        {proxy7000 + "useragent=Quicktime&url=a.b", 5034,
-         proxy7000 + "useragent=Quicktime&url=a%2Eb"},
-        {"http://127.0.0.1:7001/proxy?url=", 5034,
-         "http%3A%2F%2F127%2E0%2E0%2E1%3A7001%2Fproxy%3Furl%3D"},
-        {"abc", 4, "abc"},
-        {"abcd", 4, "abc", false},
-        {"ab/", 5, "ab", false},
-        {"a" + proxy7000 + "url=", 32, "a", false},
-        {"", 1, ""},
-    };
+        bool complete;
+    } cases[] = {{"abc", 4, "abc", true},
+                 {"abcd", 4, "abc", false},
+                 {"ab/", 5, "ab", false},
+                 {"ahttp://127.0.0.1:7000/proxy?url=", 32, "a", false},
+                 {"", 1, "", true}};
     for (const auto& c : cases) {
         std::string dst(c.size, 'Z');
         EXPECT_EQ(airplay_url_encode(c.src.c_str(), dst.data(), c.size), c.complete) << c.src;

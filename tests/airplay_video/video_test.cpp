@@ -22,8 +22,9 @@ using zt::VideoSender;
 
 const std::string kStart = "/playback?arg0=start_vod&arg1=AirPlayVideo&arg2=";
 const std::string kUrl = "http%3A%2F%2F192%2E0%2E2%2E20%3A8080%2Fmedia%2Fmovie+one%2Emp4";
-const std::string kProxied =
-    "http%3A%2F%2F127%2E0%2E0%2E1%3A4000%2Fproxy%3Furl%3Dhttp%3A%2F%2F192%2E0%2E2%2E20%3A8080%2F";
+const std::string kVia = "http%3A%2F%2F127%2E0%2E0%2E1%3A4000%2Fproxy%3Furl%3D";
+const std::string kProxied = kVia + "http%3A%2F%2F192%2E0%2E2%2E20%3A8080%2F";
+const std::string kProxy7000 = "http://127.0.0.1:7000/proxy?";
 const std::string kShow = "&arg3=show&arg4=";
 const std::string kSeek = "/playback?arg0=set_time_seek_vod&arg1=";
 
@@ -55,8 +56,8 @@ class VideoPlay : public ::testing::Test {
 };
 
 TEST_F(VideoPlay, BodiesToStartCommands) {
-    const std::string path(1500, 'p'), simple = load_bplist("simple");
-    const std::string location = "Content-Location: http://192.0.2.20:8080/a\n";
+    const std::string path(1500, 'p'), simple = load_bplist("simple"), zero = kShow + "00.000000";
+    const std::string location = "Content-Location: http://192.0.2.20:8080/";
     const struct {
         const char* type;
         std::string body;
@@ -75,22 +76,27 @@ TEST_F(VideoPlay, BodiesToStartCommands) {
          "X-Padding: " + std::string(6000, 'x') +
              "\nStart-Position: 0.75\nContent-Location: http://192.0.2.20:8080/b\n",
          kProxied + "b" + kShow + "00.750000", 200, true},
-        // A CR before the LF stays part of the URL; a negative position starts at 0.
-        {kText, "Start-Position: -3\r\nContent-Location: http://192.0.2.20:8080/a.mp4\r\n",
-         kProxied + "a%2Emp4%0D" + kShow + "00.000000"},
+        // All but letters and digits is escaped, a blank as "+", a CR before the LF too; a
+        // negative position starts at 0.
+        {kText, "Start-Position: -3\r\n" + location + "a b+c_d-e%F@[`{\xe9\x7f.mp4\r\n",
+         kProxied + "a+b%2Bc%5Fd%2De%25F%40%5B%60%7B%E9%7F%2Emp4%0D" + zero},
+        // Port 7000's proxy prefixes pass verbatim; almost the prefix is ordinary text.
+        {kText, "Content-Location: " + kProxy7000 + "url=a:b\n",
+         kVia + kProxy7000 + "url=a%3Ab" + zero},
+        {kText, "Content-Location: " + kProxy7000 + "useragent=Quicktime&url=a.b\n",
+         kVia + kProxy7000 + "useragent=Quicktime&url=a%2Eb" + zero},
+        {kText, "Content-Location: http://127.0.0.1:7001/proxy?url=\n",
+         kVia + "http%3A%2F%2F127%2E0%2E0%2E1%3A7001%2Fproxy%3Furl%3D" + zero},
         // A location without a line feed runs to the end of the body.
-        {kText, "Content-Location: http://192.0.2.20:8080/b.mp4",
-         kProxied + "b%2Emp4" + kShow + "00.000000"},
-        // A URL far longer than 256 bytes still travels whole.
-        {kText, "Content-Location: http://192.0.2.20:8080/" + path + "\n",
-         kProxied + path + kShow + "00.000000"},
+        {kText, location + "b.mp4", kProxied + "b%2Emp4" + zero},
+        {kText, location + path + "\n", kProxied + path + zero},  // far beyond 256 bytes
         // Refused: neither form, cut short, too large (refused unread: a read would wait, the
         // sender keeps its side open), a URL that does not fit the start command.
         {"application/octet-stream", "", "", 500},
-        {kText, location, "", -1, false, static_cast<long>(location.size()) + 50},
+        {kText, location + "a\n", "", -1, false, static_cast<long>(location.size()) + 52},
         {kBinary, simple, "", 500, false, static_cast<long>(simple.size()) + 50},
         {kText, "", "", 500, false, 70000},
-        {kText, "Content-Location: http://h/" + std::string(2000, '/') + "\n", "", 500},
+        {kText, location + std::string(2000, '/') + "\n", "", 500},
         // Nothing to play, found nowhere or malformed, yet 200.
         {kBinary, "", ""},
         {kBinary, load_bplist("no_location"), ""},
