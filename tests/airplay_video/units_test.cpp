@@ -136,6 +136,12 @@ TEST(BplistReader, MalformedBodiesGiveNothing) {
          "nesting deeper than 32"},
         {"41 levels", zt::load_bplist("deep_too_far"), "nesting deeper than 32"},
     };
+    std::vector<std::string> shared;  // each level's two values are the next level: 4096 reads
+    for (char i = 1; i <= 12; ++i) shared.push_back(std::string("\xd2\x0c\x0c") + i + i);
+    shared.push_back("\x51k");
+    cases.push_back({"shared", build_bplist(shared), "more objects read than the body can hold"});
+    cases.push_back({"2-byte real", build_bplist({std::string("\x21\0\0", 3)}),
+                     "real of a size other than 4 or 8 bytes"});
     for (int field : {-26, -25})  // the trailer's offset and reference sizes
         for (int size : {0, 9, 255})
             cases.push_back({"trailer size", patched(field, size), "objLen >=1 && objLen <=8"});
