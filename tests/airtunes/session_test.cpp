@@ -8,7 +8,7 @@
 #include <fstream>
 
 #include "support/airtunes_sender.h"
-#include "support/box.h"
+#include "support/airplay_sender.h"
 
 namespace zt {
 namespace {
@@ -40,12 +40,9 @@ void start_stream(AirtunesSender& s) {
 TEST(AirtunesSession, WholeSessionOwnershipAndKeyStop) {
     Box box;  // the player never reports playing music here, and always a video
     ASSERT_TRUE(box.start({"--aod-status", "stop", "--vod-status", "play"}));
-    Client airplay = Client::connect("127.0.0.1", 7000);
-    std::string play = "Content-Location: http://192.0.2.20:1/v.mp4\r\n";
-    airplay.send(
-        "GET /server-info HTTP/1.1\r\nX-Apple-Session-ID: 1\r\n\r\nPOST /play HTTP/1.1\r\n"
-        "Content-Type: text/parameters\r\nContent-Length: " +
-        std::to_string(play.size()) + "\r\n\r\n" + play);
+    VideoSender video;
+    ASSERT_TRUE(video.new_session());
+    ASSERT_EQ(video.play_status(kText, "Content-Location: http://192.0.2.20:1/v.mp4\n"), 200);
     ASSERT_TRUE(box.wait_command("get_current_vod_info", 2));
     AirtunesSender a, b("FFEEDDCCBBAA99");
     ASSERT_EQ(a.connect(), kOk + kJack + "CSeq: 1\r\n\r\n");  // player stopped: no Public
