@@ -2,7 +2,6 @@
 // RTSP sessions (real RSA), then encrypted ALAC packets whose PCM player_sim records from
 // "/tmp/airtunes".
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
 
 #include <fstream>

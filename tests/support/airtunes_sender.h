@@ -40,7 +40,7 @@ class AirtunesSender {
                         const std::string& body = "") {
         return conn.send(request_text(method, headers, body)) ? recv_rtsp_reply(conn) : "";
     }
-    std::string options_with_challenge();
+    std::string options_with_challenge() { return request("OPTIONS", new_challenge() + "\r\n"); }
     // ANNOUNCE of the ALAC stream: the key under the box's public key, the IV, a challenge.
     std::string announce();
     std::string setup() {
@@ -60,6 +60,7 @@ class AirtunesSender {
     Client conn;
 
    private:
+    std::string new_challenge();  // its header line without CR LF
     std::string device_id_;
     std::array<uint8_t, 16> challenge_{};
 };
