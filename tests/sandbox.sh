@@ -25,8 +25,7 @@ fresh_tmp() {
     [ ${#keep[@]} -eq 0 ] || { umount -l "$hold" && rmdir "$hold"; } || die "cannot release /tmp"
 }
 
-# A key directory writable in memory only: a tmpfs on an existing one, else an overlay on its
-# deepest existing parent.
+# A key directory writable in memory only: a tmpfs on it, else an overlay on its deepest parent.
 key_dir() {
     case "$KEY_DIR/" in /opt/*) mkdir -p "$KEY_DIR"; return ;; esac
     if [ -d "$KEY_DIR" ]; then

@@ -14,8 +14,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const std::string kOk = "RTSP/1.0 200 OK\r\n", kRefused = "RTSP/1.0 -1 Unknown\r\n";
-const std::string kJack = "Audio-Jack-Status: connected; type=analog\r\n";
+const std::string kOk = "RTSP/1.0 200 OK\r\n", kRefused = "RTSP/1.0 -1 Unknown\r\n",
+                  kJack = "Audio-Jack-Status: connected; type=analog\r\n";
 
 std::string ok_lines(const AirtunesSender& s, const std::string& more = "") {
     return kOk + more + kJack + "CSeq: " + std::to_string(s.cseq) + "\r\n\r\n";
@@ -194,8 +194,7 @@ TEST(AudioStream, PlaysBitExactRestartsOnRecordAndEndsOnSigterm) {
     // for a reader, which never comes (start_aod answered late): SIGTERM still ends it.
     EXPECT_EQ(status_code(rtsp.request("TEARDOWN")), 200);
     EXPECT_TRUE(box.wait_command("stop_aod"));
-    struct stat before {
-    }, after{};
+    struct stat before = {}, after = {};
     ::stat("/tmp/airtunes", &before);
     box.sim("/sim/delay?cmd=start_aod&ms=30000");
     ASSERT_TRUE(rtsp.start_stream());
