@@ -1,12 +1,8 @@
 #!/usr/bin/env bash
-# tests/sandbox.sh [--key-file PATH] CMD [ARGS...]: runs CMD in fresh namespaces prepared like
-# the box, with its exit status. Own PID namespace and network: lo, "eth0" (02:5a:4f:52:00:01,
-# 192.0.2.10/24) and its veth peer "sender0" (192.0.2.20/24, for the tests' senders), with its
-# sysfs. A tmpfs on /tmp and /opt; a fresh 2048-bit PKCS#1 key at the key file (default
-# /opt/zor/app/airplay/RAOPKey.rsa; in an in-memory overlay outside /opt) with its .pub beside
-# it; BusyBox's ifconfig and wget first on PATH. CMD sees ZOR_SANDBOX=1, ZOR_ETH0_MAC,
-# ZOR_ETH0_IP, ZOR_SENDER_IP, ZOR_RSA_KEY, ZOR_RSA_PUBKEY. Root or a user namespace; only CMD
-# writes to stdout (gtest's test discovery reads it).
+# tests/sandbox.sh [--key-file PATH] CMD [ARGS...]: runs CMD, with its exit status, in fresh
+# PID, mount and network namespaces set up like the box: "eth0" and its veth peer "sender0" (the
+# tests' senders), tmpfs /tmp and /opt, a fresh 2048-bit key with its .pub, BusyBox's ifconfig
+# and wget first on PATH. Only CMD writes to stdout (gtest's test discovery reads it).
 set -u
 readonly ETH0_MAC=02:5a:4f:52:00:01 ETH0_IP=192.0.2.10 SENDER_IP=192.0.2.20
 readonly KEY_FILE=${ZOR_SANDBOX_KEY_FILE:-/opt/zor/app/airplay/RAOPKey.rsa}
@@ -29,8 +25,7 @@ fresh_tmp() {
     [ ${#keep[@]} -eq 0 ] || { umount -l "$hold" && rmdir "$hold"; } || die "cannot release /tmp"
 }
 
-# A key directory writable in memory only: a tmpfs on an existing one, else an overlay on its
-# deepest existing parent.
+# A key directory writable in memory only: a tmpfs on it, else an overlay on its deepest parent.
 key_dir() {
     case "$KEY_DIR/" in /opt/*) mkdir -p "$KEY_DIR"; return ;; esac
     if [ -d "$KEY_DIR" ]; then
@@ -44,7 +39,6 @@ key_dir() {
         mkdir -p "$KEY_DIR" || die "cannot make $KEY_DIR in an overlay"
 }
 
-# PID 1 of the new namespaces.
 inner() {
     mount --make-rprivate / || die "cannot make the mounts private"
     mount -t tmpfs -o mode=755 tmpfs /opt && mkdir -p "$BIN_DIR" || die "cannot mount a tmpfs on /opt"

@@ -16,11 +16,9 @@ namespace {
 
 TEST(AirtunesUnit, Base64HexAndChallengeMessage) {
     // Padded, unpadded, CR LF ended, and cut to a buffer of 4 (three bytes and a NUL).
-    const std::tuple<const char*, size_t, std::string> decodes[] = {{"QUJD", 64, "ABC"},
-                                                                    {"QUI=", 64, "AB"},
-                                                                    {"QUJ\r\n", 64, "AB"},
-                                                                    {"QUJDRA", 64, "ABCD"},
-                                                                    {"QUJDREVGR0g", 4, "ABC"}};
+    const std::tuple<const char*, size_t, std::string> decodes[] = {
+        {"QUJD", 64, "ABC"}, {"QUI=", 64, "AB"}, {"QUJ\r\n", 64, "AB"}, {"QUJDRA", 64, "ABCD"},
+        {"QUJDREVGR0g", 4, "ABC"}};
     for (const auto& [text, capacity, bytes] : decodes) {
         uint8_t out[64] = {};
         int n = base64_decode(out, capacity, text);

@@ -2,21 +2,20 @@
 // RTSP sessions (real RSA), then encrypted ALAC packets whose PCM player_sim records from
 // "/tmp/airtunes".
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
 
 #include <fstream>
 
 #include "support/airtunes_sender.h"
-#include "support/box.h"
+#include "support/airplay_sender.h"
 
 namespace zt {
 namespace {
 
 using namespace std::chrono_literals;
 
-const std::string kOk = "RTSP/1.0 200 OK\r\n", kRefused = "RTSP/1.0 -1 Unknown\r\n";
-const std::string kJack = "Audio-Jack-Status: connected; type=analog\r\n";
+const std::string kOk = "RTSP/1.0 200 OK\r\n", kRefused = "RTSP/1.0 -1 Unknown\r\n",
+                  kJack = "Audio-Jack-Status: connected; type=analog\r\n";
 
 std::string ok_lines(const AirtunesSender& s, const std::string& more = "") {
     return kOk + more + kJack + "CSeq: " + std::to_string(s.cseq) + "\r\n\r\n";
@@ -40,12 +39,9 @@ void start_stream(AirtunesSender& s) {
 TEST(AirtunesSession, WholeSessionOwnershipAndKeyStop) {
     Box box;  // the player never reports playing music here, and always a video
     ASSERT_TRUE(box.start({"--aod-status", "stop", "--vod-status", "play"}));
-    Client airplay = Client::connect("127.0.0.1", 7000);
-    std::string play = "Content-Location: http://192.0.2.20:1/v.mp4\r\n";
-    airplay.send(
-        "GET /server-info HTTP/1.1\r\nX-Apple-Session-ID: 1\r\n\r\nPOST /play HTTP/1.1\r\n"
-        "Content-Type: text/parameters\r\nContent-Length: " +
-        std::to_string(play.size()) + "\r\n\r\n" + play);
+    VideoSender video;
+    ASSERT_TRUE(video.new_session());
+    ASSERT_EQ(video.play_status(kText, "Content-Location: http://192.0.2.20:1/v.mp4\n"), 200);
     ASSERT_TRUE(box.wait_command("get_current_vod_info", 2));
     AirtunesSender a, b("FFEEDDCCBBAA99");
     ASSERT_EQ(a.connect(), kOk + kJack + "CSeq: 1\r\n\r\n");  // player stopped: no Public
@@ -198,8 +194,7 @@ TEST(AudioStream, PlaysBitExactRestartsOnRecordAndEndsOnSigterm) {
     // for a reader, which never comes (start_aod answered late): SIGTERM still ends it.
     EXPECT_EQ(status_code(rtsp.request("TEARDOWN")), 200);
     EXPECT_TRUE(box.wait_command("stop_aod"));
-    struct stat before {
-    }, after{};
+    struct stat before = {}, after = {};
     ::stat("/tmp/airtunes", &before);
     box.sim("/sim/delay?cmd=start_aod&ms=30000");
     ASSERT_TRUE(rtsp.start_stream());

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""A sender looking for receivers on the one interface given: both _airplay._tcp and _raop._tcp
-must show the expected instance name, port, address and TXT records. Exit status 0 when they do."""
+"""A sender browsing on one interface: both services must show the expected name, port, address
+and TXT records."""
 import sys
 import time
 

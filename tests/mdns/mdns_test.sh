@@ -1,9 +1,7 @@
 #!/usr/bin/env bash
 # tests/sandbox.sh --key-file KEY tests/mdns/mdns_test.sh BUILD_DIR
-# Discovery as a phone sees it: BUILD_DIR's setup helper publishes its service files, an
-# avahi-daemon of our own (no D-Bus, eth0 only) announces them, and browse.py in a second
-# namespace holding sender0 must find both services. Also the helper's key step (a key made
-# only when missing) and withdraw.
+# Discovery as a phone sees it: the setup helper publishes, an avahi-daemon of our own announces
+# on eth0, browse.py behind sender0 must find both services. Also the key step and withdraw.
 set -euo pipefail
 [ "${ZOR_SANDBOX:-}" = 1 ] || { echo "mdns_test.sh: run me through tests/sandbox.sh" >&2; exit 2; }
 here=$(cd "$(dirname "$0")" && pwd)

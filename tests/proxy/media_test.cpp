@@ -2,7 +2,6 @@
 // proxy, and photos shown through the player and ended from the FIFO.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include "support/airplay_sender.h"
 #include "support/media_server.h"

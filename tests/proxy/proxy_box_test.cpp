@@ -3,7 +3,6 @@
 // that must not hold up the next one.
 #include <gtest/gtest.h>
 
-#include <thread>
 
 #include "support/box.h"
 #include "support/media_server.h"

@@ -36,9 +36,9 @@ std::vector<uint8_t> rsa_public(const uint8_t* in, size_t n, bool encrypt) {
         key ? EVP_PKEY_CTX_new(key.get(), nullptr) : nullptr, EVP_PKEY_CTX_free);
     if (!ctx) return {};
     int init = encrypt ? EVP_PKEY_encrypt_init(ctx.get()) : EVP_PKEY_verify_recover_init(ctx.get());
-    int padding = encrypt ? RSA_PKCS1_OAEP_PADDING : RSA_PKCS1_PADDING;
     std::vector<uint8_t> out(static_cast<size_t>(EVP_PKEY_get_size(key.get())));
     size_t len = out.size();
+    int padding = encrypt ? RSA_PKCS1_OAEP_PADDING : RSA_PKCS1_PADDING;
     if (init != 1 || EVP_PKEY_CTX_set_rsa_padding(ctx.get(), padding) != 1 ||
         (encrypt ? EVP_PKEY_encrypt(ctx.get(), out.data(), &len, in, n)
                  : EVP_PKEY_verify_recover(ctx.get(), out.data(), &len, in, n)) != 1)
@@ -79,23 +79,20 @@ std::string AirtunesSender::request_text(const std::string& method, const std::s
            "\r\nX-Apple-Device-ID: " + device_id_ + "\r\n" + headers + length + "\r\n" + body;
 }
 
-std::string AirtunesSender::options_with_challenge() {
+std::string AirtunesSender::new_challenge() {
     RAND_bytes(challenge_.data(), 16);
-    return request("OPTIONS", "Apple-Challenge: " + b64(challenge_.data(), 16) + "\r\n");
+    return "Apple-Challenge: " + b64(challenge_.data(), 16);
 }
 
 std::string AirtunesSender::announce() {
-    RAND_bytes(challenge_.data(), 16);
     std::vector<uint8_t> key = rsa_public(aes_key.data(), 16, true);
     std::string sdp =
         "v=0\r\no=iTunes 1 0 IN IP4 192.0.2.20\r\nm=audio 0 RTP/AVP 96\r\n"
         "a=rtpmap:96 AppleLossless\r\na=fmtp:96 352 0 16 40 10 14 2 255 0 0 44100\r\na=rsaaeskey:" +
         b64(key.data(), key.size()) + "\r\na=aesiv:" + b64(aes_iv.data(), 16) + "\r\n";
     // Senders leave out the challenge's "==" padding.
-    return request("ANNOUNCE",
-                   "Content-Type: application/sdp\r\nApple-Challenge: " +
-                       b64(challenge_.data(), 16).substr(0, 22) + "\r\n",
-                   sdp);
+    std::string headers = "Content-Type: application/sdp\r\n" + new_challenge();
+    return request("ANNOUNCE", headers.substr(0, headers.size() - 2) + "\r\n", sdp);
 }
 
 bool AirtunesSender::verify_apple_response(const std::string& reply) const {

@@ -1,6 +1,5 @@
-// The sender's side of AirTunes from 192.0.2.20: the RTSP session with real RSA and AES, and
-// RTP packets of ALAC frames (the committed streams of tests/data/alac) encrypted under the
-// session's key and IV.
+// The sender's side of AirTunes from 192.0.2.20: RTSP with real RSA and AES, and RTP packets of
+// the ALAC frames of tests/data/alac encrypted under the session's key and IV.
 #pragma once
 
 #include <unistd.h>
@@ -41,7 +40,7 @@ class AirtunesSender {
                         const std::string& body = "") {
         return conn.send(request_text(method, headers, body)) ? recv_rtsp_reply(conn) : "";
     }
-    std::string options_with_challenge();
+    std::string options_with_challenge() { return request("OPTIONS", new_challenge() + "\r\n"); }
     // ANNOUNCE of the ALAC stream: the key under the box's public key, the IV, a challenge.
     std::string announce();
     std::string setup() {
@@ -49,7 +48,7 @@ class AirtunesSender {
                        "Transport: RTP/AVP/UDP;unicast;mode=record;control_port=6001;"
                        "timing_port=6002\r\n");
     }
-    bool start_stream() {  // ANNOUNCE, SETUP and RECORD, each answered 200
+    bool start_stream() {  // each answered 200
         return status_code(announce()) == 200 && status_code(setup()) == 200 &&
                status_code(request("RECORD", "RTP-Info: seq=1000;rtptime=0\r\n")) == 200;
     }
@@ -61,6 +60,7 @@ class AirtunesSender {
     Client conn;
 
    private:
+    std::string new_challenge();  // its header line without CR LF
     std::string device_id_;
     std::array<uint8_t, 16> challenge_{};
 };
@@ -86,10 +86,9 @@ struct RtpSender {
     ~RtpSender() { ::close(sock); }
     // The whole 16-byte blocks with AES-128-CBC from the IV, the rest in clear.
     Frame encrypt(const Frame& frame) const;
-    // 12-byte RTP header (type 0x60, marker set) and the encrypted frame; a retransmission
-    // puts its 4-byte prefix of type 0x56 in front.
+    // A retransmission puts its 4-byte prefix of type 0x56 in front of the RTP header.
     Frame packet(const Frame& frame, uint16_t seq, uint32_t timestamp, bool resend = false) const;
-    bool send(const Frame& datagram, int port = 6000) const;  // to the box
+    bool send(const Frame& datagram, int port = 6000) const;
     // Packets seq, seq + 1, ... (timestamps + 352) at speed times real time (0: at once).
     bool send_frames(const std::vector<Frame>& frames, double speed = 1.0);
 

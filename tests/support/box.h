@@ -1,5 +1,4 @@
-// The box in a test: player_sim as the player and the real zor_airplay daemon, both started
-// inside the test's sandbox, with what each of them saw.
+// The box in a test: player_sim as the player and the real zor_airplay daemon.
 #pragma once
 
 #include <signal.h>
@@ -11,11 +10,10 @@
 
 namespace zt {
 
-// One command as player_sim logged it.
 struct PlayerCommand {
     long long time_ms = 0;  // wall clock, milliseconds since the epoch
-    std::string name;       // arg0, e.g. "start_vod"
-    std::string target;     // the raw request target, e.g. "/playback?arg0=stop_vod"
+    std::string name;       // arg0
+    std::string target;     // e.g. "/playback?arg0=stop_vod"
 };
 
 // Stopping (also at the end) fails the test when either process logged a sanitizer report.
@@ -25,23 +23,21 @@ class Box {
     // player_sim with extra options (e.g. {"--vod-status", "play"}); false unless 8008 answers.
     bool start_player(const std::vector<std::string>& options = {});
     bool start_daemon();  // false unless port 7000 accepts
-    bool start(const std::vector<std::string>& player_options = {}) {  // both, player first
+    bool start(const std::vector<std::string>& player_options = {}) {
         return start_player(player_options) && start_daemon();
     }
-    int stop_daemon() { return daemon_.running() ? daemon_.stop(SIGTERM) : -1; }  // its status
     void stop();
 
     std::string daemon_log() const { return daemon_.log(); }
     Process& daemon() { return daemon_; }
-    std::vector<PlayerCommand> commands() const;  // so far, in order
-    // The targets of the commands named name so far, in order.
+    std::vector<PlayerCommand> commands() const;
     std::vector<std::string> targets(const std::string& name) const;
     size_t count(const std::string& name) const { return targets(name).size(); }
     bool wait_command(const std::string& name, size_t n = 1,
                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
         return wait_until([&] { return count(name) >= n; }, timeout);
     }
-    // A control request to player_sim ("/sim/force?vod=play"); the reply body.
+    // A control request to player_sim ("/sim/force?vod=play"); its reply body.
     std::string sim(const std::string& target) const;
     bool wait_log(const std::string& text,
                   std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {

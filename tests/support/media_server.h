@@ -1,6 +1,5 @@
-// The sender's media server: serves one file (repeated `repeat` times as one body) at any path
-// with Content-Length (none for a path with "nolength"), answers HEAD and "Range: bytes=N-",
-// one request per connection, and keeps every request byte for byte.
+// The sender's media server: one file (`repeat` times over) at any path, with Content-Length
+// unless the path holds "nolength"; HEAD and "Range: bytes=N-"; keeps every request.
 #pragma once
 
 #include <atomic>
@@ -30,7 +29,7 @@ class MediaFileServer {
     int listen_fd_ = -1;
     std::atomic<bool> stop_{false}, held_{false};
     std::thread acceptor_;
-    mutable std::mutex lock_;  // guards the two below
+    mutable std::mutex lock_;  // guards requests_ and workers_
     std::vector<std::string> requests_;
     std::vector<std::thread> workers_;
 };

@@ -1,11 +1,9 @@
-// The helpers of support.h, Box and MediaFileServer.
 #include "support/support.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -55,8 +53,8 @@ ssize_t read_more(int fd, std::string& data, Clock::time_point deadline) {
     return n;
 }
 
-// A sanitizer report from any thread must fail the test, though the process goes on or is
-// stopped by a signal, so that its exit status does not tell.
+// A sanitizer report must fail the test though the exit status may not tell (another
+// thread's report, or a process stopped by a signal).
 void expect_no_sanitizer_report(const char* name, const std::string& log) {
     for (const char* mark : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
                              "runtime error:", "WARNING: ThreadSanitizer"}) {
@@ -84,7 +82,7 @@ bool wait_until(const std::function<bool()>& cond, milliseconds timeout) {
 
 std::string read_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 bool file_exists(const std::string& path) {
@@ -170,8 +168,7 @@ std::string Client::recv_message(milliseconds timeout) {
 std::string Client::recv_all(milliseconds timeout) {
     auto deadline = Clock::now() + timeout;
     std::string data = std::exchange(pending_, {});
-    while (read_more(fd_, data, deadline) > 0) {
-    }
+    while (read_more(fd_, data, deadline) > 0) continue;
     return data;
 }
 
@@ -242,14 +239,13 @@ bool Box::start_daemon() {
 
 void Box::stop() {
     bool ran = daemon_.running() || player_.running();
-    stop_daemon();
+    if (daemon_.running()) daemon_.stop(SIGTERM);
     if (player_.running()) player_.stop(SIGTERM, std::chrono::seconds(5));
     if (!ran) return;
     expect_no_sanitizer_report("zor_airplay", daemon_.log());
     expect_no_sanitizer_report("player_sim", player_.log());
 }
 
-// commands.log: time TAB name TAB target, one a line.
 std::vector<PlayerCommand> Box::commands() const {
     std::vector<PlayerCommand> out;
     std::istringstream in(read_file(std::string(kSimOut) + "/commands.log"));

@@ -1,5 +1,4 @@
-// Shared helpers of the test programs (run inside tests/sandbox.sh): child processes, TCP
-// clients, waiting for conditions, reading HTTP/RTSP messages.
+// Shared helpers of the test programs, which run inside tests/sandbox.sh.
 #pragma once
 
 #include <signal.h>
@@ -24,7 +23,7 @@ bool wait_until(const std::function<bool()>& cond,
 std::string read_file(const std::string& path);  // "" when missing
 bool file_exists(const std::string& path);
 
-// A child process whose stdout and stderr go to a log file; killed if still running at the end.
+// A child process logging stdout and stderr to a file; killed if still running at the end.
 class Process {
    public:
     Process() = default;
@@ -34,7 +33,7 @@ class Process {
     bool start(const std::vector<std::string>& argv, const std::string& log_path);
     // Sends sig; the exit status, or -1 when it did not end within timeout (then killed).
     int stop(int sig, std::chrono::milliseconds timeout = std::chrono::seconds(12));
-    int wait_exit(std::chrono::milliseconds timeout);  // exit status, -1 on time-out
+    int wait_exit(std::chrono::milliseconds timeout);
     bool running() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }
     std::string log() const { return read_file(log_path_); }
@@ -55,14 +54,13 @@ class Client {
     Client& operator=(const Client&) = delete;
     ~Client() { close(); }
 
-    // Retries for up to retry_for while refused; an invalid Client on failure.
     static Client connect(const std::string& host, int port,
                           std::chrono::milliseconds retry_for = std::chrono::seconds(5));
     bool ok() const { return fd_ >= 0; }
     int fd() const { return fd_; }
     bool send(const std::string& bytes);
     std::string recv_some(std::chrono::milliseconds timeout = std::chrono::seconds(5));
-    // One message: header block plus Content-Length body; later bytes stay for the next read.
+    // Header block plus Content-Length body; later bytes stay for the next read.
     std::string recv_message(std::chrono::milliseconds timeout = std::chrono::seconds(5));
     std::string recv_all(std::chrono::milliseconds timeout = std::chrono::seconds(5));
     bool closed_by_peer(std::chrono::milliseconds timeout = std::chrono::seconds(5));
@@ -73,10 +71,9 @@ class Client {
     std::string pending_;
 };
 
-// A connection bound to source, with an SO_RCVBUF of rcvbuf when > 0.
 Client connect_from(const std::string& source, const std::string& host, int port, int rcvbuf = 0);
 
-// A connected pair of local stream sockets: the code under test uses sock, the test peer.
+// The code under test uses sock, the test peer.
 struct SocketPair {
     int sock = -1, peer = -1;
     SocketPair() {
@@ -92,7 +89,7 @@ struct SocketPair {
     void close_peer() { ::close(std::exchange(peer, -1)); }
 };
 
-int listen_on(const std::string& host, int port);  // the descriptor, -1 on failure
+int listen_on(const std::string& host, int port);  // -1 on failure
 int accept_one(int listen_fd, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 std::string header_value(const std::string& message, const std::string& name);  // "" if absent
