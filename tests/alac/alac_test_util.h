@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "alac/alac.h"
@@ -14,11 +13,6 @@ class bit_writer {
    public:
     bit_writer& put(uint64_t value, int n) {  // the low n bits of value
         for (int i = n - 1; i >= 0; --i) bits_.push_back(((value >> i) & 1) != 0);
-        return *this;
-    }
-    bit_writer& bits(const std::string& text) {  // '0' and '1' count, blanks are ignored
-        for (char ch : text)
-            if (ch == '0' || ch == '1') bits_.push_back(ch == '1');
         return *this;
     }
     // A residual coded with Rice parameter 1: v = 2r (r >= 0) or -2r - 1 as that many ones and
@@ -46,8 +40,4 @@ inline std::unique_ptr<alac_decoder> make_stream_decoder(const std::vector<int>&
     alac_decoder_set_parameters(d.get(), fmtp.data());
     alac_decoder_set_buffers(d.get());
     return d;
-}
-// A two-channel decoder with the usual Rice parameters 40, 10, 14.
-inline std::unique_ptr<alac_decoder> make_test_decoder(int bit_depth, int frame_length) {
-    return make_stream_decoder({96, frame_length, 0, bit_depth, 40, 10, 14, 2, 255, 0, 0, 44100});
 }

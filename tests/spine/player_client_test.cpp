@@ -1,5 +1,4 @@
-// The player client against stand-ins for the control service on 127.0.0.1:8008 that answer,
-// refuse, close, ramble on or fall silent.
+// The player client against stand-ins for the player that answer, refuse, close or fall silent.
 #include "tools/utils/player_client.h"
 
 #include <gtest/gtest.h>
@@ -31,10 +30,7 @@ struct FakeService {
               if (hang) zt::wait_until([&] { return done.load(); }, std::chrono::seconds(20));
           }) {}
     ~FakeService() {
-        done = true;
-        ::shutdown(listen_fd, SHUT_RDWR);
-        thread.join();
-        ::close(listen_fd);
+        done = true, ::shutdown(listen_fd, SHUT_RDWR), thread.join(), ::close(listen_fd);
     }
 };
 
