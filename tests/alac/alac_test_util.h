@@ -15,8 +15,7 @@ class bit_writer {
         for (int i = n - 1; i >= 0; --i) bits_.push_back(((value >> i) & 1) != 0);
         return *this;
     }
-    // A residual coded with Rice parameter 1: v = 2r (r >= 0) or -2r - 1 as that many ones and
-    // a zero, or nine ones and v in e bits when v is above 8.
+    // A Rice (k = 1) residual: v = 2r or -2r - 1 as v ones and a zero, above 8 nine ones and v.
     bit_writer& residual_k1(int32_t r, int e) {
         const uint32_t v = r >= 0 ? 2u * uint32_t(r) : uint32_t(-2 * r - 1);
         return v <= 8 ? put((1u << v) - 1, int(v)).put(0, 1) : put(0x1FF, 9).put(v, e);

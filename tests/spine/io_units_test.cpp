@@ -13,9 +13,7 @@
 namespace {
 
 std::string captured(const std::function<void()>& fn) {
-    testing::internal::CaptureStdout();
-    fn();
-    fflush(stdout);
+    testing::internal::CaptureStdout(), fn(), fflush(stdout);
     return testing::internal::GetCapturedStdout();
 }
 
@@ -135,14 +133,11 @@ TEST(SocketHelpers, ShortReadsClosedPeersAndTheirLogLines) {
 TEST(PollLoop, TrafficKeepsItBusyFor50PassesThenIdle) {
     daemon_init_session(&g_daemon.session);
     g_daemon.stop_flag = 1;  // the passes skip their sleep; the count is what is tested here
-    int countdown = 50;
-    g_daemon.poll_interval_us = kPollIdleUs, daemon_poll_pass(&countdown);  // idle: no change
-    EXPECT_EQ(countdown, 50);
-    for (int pass = 1; pass <= 50; ++pass) {
-        g_daemon.poll_interval_us = kPollBusyUs;  // a connection loop saw traffic: no restart
-        daemon_poll_pass(&countdown);
-        ASSERT_EQ(countdown, pass < 50 ? 50 - pass : 50) << pass;
-        ASSERT_EQ(g_daemon.poll_interval_us.load(), pass < 50 ? kPollBusyUs : kPollIdleUs) << pass;
+    // An idle pass leaves the countdown alone; traffic on every later pass does not restart it.
+    for (int pass = 0, countdown = 50; pass <= 50; ++pass) {
+        g_daemon.poll_interval_us = pass ? kPollBusyUs : kPollIdleUs, daemon_poll_pass(&countdown);
+        ASSERT_EQ(countdown, pass % 50 ? 50 - pass : 50) << pass;
+        ASSERT_EQ(g_daemon.poll_interval_us.load(), pass % 50 ? kPollBusyUs : kPollIdleUs) << pass;
     }
 }
 
