@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "alac/alac.h"
@@ -16,13 +15,7 @@ class bit_writer {
         for (int i = n - 1; i >= 0; --i) bits_.push_back(((value >> i) & 1) != 0);
         return *this;
     }
-    bit_writer& bits(const std::string& text) {  // '0' and '1' count, blanks are ignored
-        for (char ch : text)
-            if (ch == '0' || ch == '1') bits_.push_back(ch == '1');
-        return *this;
-    }
-    // A residual coded with Rice parameter 1: v = 2r (r >= 0) or -2r - 1 as that many ones and
-    // a zero, or nine ones and v in e bits when v is above 8.
+    // A Rice (k = 1) residual: v = 2r or -2r - 1 as v ones and a zero, above 8 nine ones and v.
     bit_writer& residual_k1(int32_t r, int e) {
         const uint32_t v = r >= 0 ? 2u * uint32_t(r) : uint32_t(-2 * r - 1);
         return v <= 8 ? put((1u << v) - 1, int(v)).put(0, 1) : put(0x1FF, 9).put(v, e);
@@ -46,8 +39,4 @@ inline std::unique_ptr<alac_decoder> make_stream_decoder(const std::vector<int>&
     alac_decoder_set_parameters(d.get(), fmtp.data());
     alac_decoder_set_buffers(d.get());
     return d;
-}
-// A two-channel decoder with the usual Rice parameters 40, 10, 14.
-inline std::unique_ptr<alac_decoder> make_test_decoder(int bit_depth, int frame_length) {
-    return make_stream_decoder({96, frame_length, 0, bit_depth, 40, 10, 14, 2, 255, 0, 0, 44100});
 }

@@ -1,10 +1,7 @@
 #!/usr/bin/env python3
-"""tests/alac/make_vectors.py [OUTPUT_DIR]: the ALAC streams of tests/data/alac/ from fixed PCM.
-
-ffmpeg only encodes (lossless: the oracle is the source PCM), 4096-sample frames whatever
--frame_size says, so each 352-sample chunk is encoded alone and loses its stated sample count
-unless it is the short last one. Writes NAME.frames (behind 4-byte big-endian lengths), NAME.pcm
-and vectors.txt (NAME BITS CHANNELS FRAMES SAMPLES FMTP0..FMTP11)."""
+"""tests/alac/make_vectors.py [OUTPUT_DIR]: tests/data/alac/ (NAME.frames behind 4-byte big-endian
+lengths, NAME.pcm, vectors.txt) from fixed PCM. ffmpeg only encodes, in 4096-sample frames, so each
+352-sample chunk is encoded alone and all but the short last one lose their stated sample count."""
 
 import math
 import os
@@ -16,20 +13,13 @@ import tempfile
 FRAME = 352
 RATE = 44100
 
+ORDERS = "-min_prediction_order %d -max_prediction_order %d"
 # name, bits, channels, full frames, samples of the short last frame, encoder options
-def orders(low, high):
-    return ["-min_prediction_order", str(low), "-max_prediction_order", str(high)]
-
-
 VECTORS = [
-    ("s16_stereo", 16, 2, 40, 123, []),
-    ("s16_stereo_order30", 16, 2, 16, 200, orders(30, 30)),
-    ("s16_stereo_order1_30", 16, 2, 16, 7, orders(1, 30)),
-    ("s16_stereo_verbatim", 16, 2, 6, 50, ["-compression_level", "0"]),
-    ("s16_mono", 16, 1, 24, 99, []),
-    ("s24_stereo", 24, 2, 20, 160, orders(1, 12)),
-    ("s24_mono", 24, 1, 12, 31, []),
-]
+    ("s16_stereo", 16, 2, 40, 123, ""), ("s16_stereo_order30", 16, 2, 16, 200, ORDERS % (30, 30)),
+    ("s16_stereo_order1_30", 16, 2, 16, 7, ORDERS % (1, 30)),
+    ("s16_stereo_verbatim", 16, 2, 6, 50, "-compression_level 0"), ("s16_mono", 16, 1, 24, 99, ""),
+    ("s24_stereo", 24, 2, 20, 160, ORDERS % (1, 12)), ("s24_mono", 24, 1, 12, 31, "")]
 # Passages in turn: tones and chirps (prediction), silence and hiss (low Rice history, zero
 # runs), full-scale squares, steps, clicks and noise (escapes, wrapping sums).
 PASSAGES = ["tone", "silence", "twotone", "noise", "hiss", "square", "chirp", "steps",
@@ -38,7 +28,7 @@ PASSAGES = ["tone", "silence", "twotone", "noise", "hiss", "square", "chirp", "s
 
 class Lcg:  # a fixed 32-bit generator, so the PCM never depends on the Python version
     def __init__(self, seed):
-        self.state = seed & 0xFFFFFFFF
+        self.state = seed
 
     def next(self):
         self.state = (self.state * 1664525 + 1013904223) & 0xFFFFFFFF
@@ -78,9 +68,7 @@ def make_pcm(total, bits, channels, seed):  # passage lengths do not align with 
                                 c if channels == 2 else None, rng, pos)
         pos, index = pos + n, index + 1
     samples = [chans[c][i] for i in range(total) for c in range(channels)]
-    if bits == 16:
-        return struct.pack("<%dh" % len(samples), *samples)
-    return b"".join(struct.pack("<i", s)[:3] for s in samples)
+    return b"".join(struct.pack("<i", s)[:bits // 8] for s in samples)
 
 
 def caf_frame(data):  # the one packet of a CAF file and its ALAC configuration
@@ -89,15 +77,10 @@ def caf_frame(data):  # the one packet of a CAF file and its ALAC configuration
         (size,) = struct.unpack(">q", data[pos + 4:pos + 12])
         end = len(data) if size < 0 else pos + 12 + size
         chunks[data[pos:pos + 4]], pos = data[pos + 12:end], end
-    pakt, kuki = chunks[b"pakt"], chunks[b"kuki"]
-    assert struct.unpack(">q", pakt[:8])[0] == 1, "one frame per chunk"
-    size, pos = 0, 24  # after packet count, valid frames, priming and remainder frames
-    while True:
-        size, pos = (size << 7) | (pakt[pos] & 0x7F), pos + 1
-        if pakt[pos - 1] < 0x80:
-            break
+    assert struct.unpack(">q", chunks[b"pakt"][:8])[0] == 1, "one frame per chunk"
+    kuki = chunks[b"kuki"]
     at = kuki.find(b"alac\0\0\0\0")  # the atom after 'frma'
-    return chunks[b"data"][4:4 + size], kuki[at + 8:at + 32] if at >= 0 else kuki[:24]
+    return chunks[b"data"][4:], kuki[at + 8:at + 32] if at >= 0 else kuki[:24]
 
 
 def strip_size(frame):  # clears the has-size bit (19) and drops the count after the header
@@ -112,7 +95,7 @@ def encode_chunk(pcm, bits, channels, options, workdir):
     open(chunk_pcm, "wb").write(pcm)
     subprocess.run(["ffmpeg", "-hide_banner", "-loglevel", "error", "-y", "-f",
                     "s16le" if bits == 16 else "s24le", "-ar", str(RATE), "-ac", str(channels),
-                    "-i", chunk_pcm, "-c:a", "alac"] + options + [chunk_caf], check=True)
+                    "-i", chunk_pcm, "-c:a", "alac"] + options.split() + [chunk_caf], check=True)
     return caf_frame(open(chunk_caf, "rb").read())
 
 
@@ -128,16 +111,13 @@ def make_vector(out_dir, name, bits, channels, full_frames, last, options, seed)
                 frame = strip_size(frame)
             assert len(frame) <= 2048, "%s: a %d-byte frame fits no packet" % (name, len(frame))
             stream += struct.pack(">I", len(frame)) + frame
-            if fmtp is None:
-                (_, version, depth, pb, mb, kb, chans, _, max_bytes, avg_rate, rate) = \
-                    struct.unpack(">IBBBBBBHIII", config)
-                assert depth == bits and chans == channels, (depth, chans)
-                fmtp = [96, FRAME, version, depth, pb, mb, kb, chans, 255, max_bytes, avg_rate,
-                        rate]
+            if fmtp is None:  # version, depth, pb, mb, kb, channels, max bytes, avg rate, rate
+                fmtp = list(struct.unpack(">4xBBBBBB2xIII", config))
+                assert fmtp[1:2] + fmtp[5:6] == [bits, channels], fmtp
+                fmtp = [96, FRAME] + fmtp[:6] + [255] + fmtp[6:]
     open(os.path.join(out_dir, name + ".frames"), "wb").write(stream)
     open(os.path.join(out_dir, name + ".pcm"), "wb").write(pcm)
-    frames = full_frames + (1 if last else 0)
-    return "%s %d %d %d %d %s" % (name, bits, channels, frames, total, " ".join(map(str, fmtp)))
+    return " ".join(map(str, [name, bits, channels, full_frames + (last > 0), total] + fmtp))
 
 
 def main():
@@ -148,10 +128,8 @@ def main():
                              check=True).stdout.splitlines()[0]
     manifest = ["# Made by tests/alac/make_vectors.py with " + version,
                 "# name bits channels frames samples fmtp0..fmtp11"]
-    for seed, vector in enumerate(VECTORS, 1):
-        manifest.append(make_vector(out_dir, *vector, seed))
-    with open(os.path.join(out_dir, "vectors.txt"), "w") as f:
-        f.write("\n".join(manifest) + "\n")
+    manifest += [make_vector(out_dir, *vector, seed) for seed, vector in enumerate(VECTORS, 1)]
+    open(os.path.join(out_dir, "vectors.txt"), "w").write("\n".join(manifest) + "\n")
 
 
 if __name__ == "__main__":
