@@ -38,9 +38,8 @@ TEST(AirtunesUnit, Base64HexAndChallengeMessage) {
 }
 
 TEST(AirtunesUnit, VolumeMapping) {
-    const std::pair<double, int> table[] = {{-30.0, -15},  {-20.5, -10},    {-15.0, -7},
-                                            {-2.0, -1},    {-1.0, 0},       {0.0, 0},
-                                            {-144.0, -15}, {1e300, 500000}, {-1e300, -15}};
+    const std::pair<double, int> table[] = {{-30.0, -15}, {-20.5, -10}, {-15.0, -7}, {-2.0, -1},
+        {-1.0, 0}, {0.0, 0}, {-144.0, -15}, {1e300, 500000}, {-1e300, -15}};
     for (auto [db, box] : table) EXPECT_EQ(airtunes_volume_to_box(db), box) << db;
 }
 
@@ -58,7 +57,7 @@ TEST(AirtunesUnit, DmapMetadata) {
     std::string cut = item("asar", "Band") + item("minm", "Song");  // runs past the body
     EXPECT_EQ(line(cut.substr(0, cut.size() - 2)), "|zor|Band|zor||zor||zor|");
     EXPECT_EQ(line(item("asar", "Band") + "min"), "|zor|Band|zor||zor||zor|");
-    std::string big(300, 'x');
+    const std::string big(300, 'x');
     EXPECT_EQ(line(item("asal", big)), std::string(127, 'x') + "|zor||zor||zor||zor|");
     EXPECT_EQ(line(item("asal", big) + item("asar", big) + item("minm", big)).size(), 255u);
 }

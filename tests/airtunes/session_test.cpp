@@ -1,6 +1,5 @@
-// AirTunes against the real daemon and player_sim, played by the test sender at 192.0.2.20:
-// RTSP sessions (real RSA), then encrypted ALAC packets whose PCM player_sim records from
-// "/tmp/airtunes".
+// AirTunes against the real daemon and player_sim, played by the test sender at 192.0.2.20: RTSP
+// sessions (real RSA), encrypted ALAC packets whose PCM player_sim records from "/tmp/airtunes".
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -28,10 +27,9 @@ void start_stream(AirtunesSender& s) {
     ASSERT_TRUE(s.verify_apple_response(r));
     ASSERT_EQ(r, ok_lines(s, "Apple-Response: " + header_value(r, "Apple-Response") + "\r\n"));
     r = s.setup();
-    ASSERT_EQ(r, kOk + kJack + "CSeq: " + std::to_string(s.cseq) +
-                     "\r\nTransport: RTP/AVP/UDP;unicast;mode=record;server_port=6000;"
-                     "control_port=6001;timing_port=6002;event_port=5000\r\n"
-                     "Session: DEADBEEF\r\n\r\n");
+    ASSERT_EQ(r, kOk + kJack + "CSeq: " + std::to_string(s.cseq) + "\r\nTransport: RTP/AVP/UDP;"
+                     "unicast;mode=record;server_port=6000;control_port=6001;timing_port=6002;"
+                     "event_port=5000\r\nSession: DEADBEEF\r\n\r\n");
     r = s.request("RECORD");
     ASSERT_EQ(r, ok_lines(s));
 }
@@ -55,22 +53,18 @@ TEST(AirtunesSession, WholeSessionOwnershipAndKeyStop) {
     EXPECT_TRUE(box.wait_command("set_system_volume", 2));  // from the shell's wget and directly
     EXPECT_EQ(box.targets("set_system_volume"),
               std::vector<std::string>(2, "/system?arg0=set_system_volume&arg1=-10"));
-    EXPECT_EQ(
-        read_file("/tmp/airplay_volume"),
-        "wget -q -O /dev/null 'http://127.0.0.1:8008/system?arg0=set_system_volume&arg1=-10'");
+    EXPECT_EQ(read_file("/tmp/airplay_volume"), "wget -q -O /dev/null "
+              "'http://127.0.0.1:8008/system?arg0=set_system_volume&arg1=-10'");
     EXPECT_EQ(read_file("/tmp/airplay_update"), "vol\n");
-    a.request("SET_PARAMETER", "Content-Type: application/x-dmap-tagged\r\n",
-              dmap_item("mlit", dmap_item("minm", "Song") + dmap_item("asar", "Band") +
-                                    dmap_item("asal", "Record")));
+    a.request("SET_PARAMETER", "Content-Type: application/x-dmap-tagged\r\n", dmap_item("mlit",
+              dmap_item("minm", "Song") + dmap_item("asar", "Band") + dmap_item("asal", "Record")));
     EXPECT_EQ(read_file("/tmp/airtunes_info"), "Record|zor|Band|zor|Song|zor||zor|");
     std::string jpeg("\xff\xd8\xff\0\xff\xd9", 6);
     a.request("SET_PARAMETER", "Content-Type: image/jpeg\r\n", jpeg);
     EXPECT_EQ(read_file("/tmp/airtunes_thumbnail.jpg"), jpeg);
     r = a.request("GET_PARAMETER", "Content-Type: text/parameters\r\n", "volume\r\n");
-    EXPECT_EQ(r, kOk +
-                     "Server: AirTunes/130.14\r\nContent-Type: text/parameters\r\nContent-Length: "
-                     "18\r\nCSeq: " +
-                     std::to_string(a.cseq) + "\r\n\r\nvolume: 0.000000\r\n");
+    EXPECT_EQ(r, kOk + "Server: AirTunes/130.14\r\nContent-Type: text/parameters\r\nContent-Length:"
+                     " 18\r\nCSeq: " + std::to_string(a.cseq) + "\r\n\r\nvolume: 0.000000\r\n");
     EXPECT_EQ(a.request("FLUSH"), kOk);  // player stopped: the status line alone
     EXPECT_EQ(a.request("POST /fp-setup"), "RTSP/1.0 501 Not Implemented\r\n");
 
@@ -112,8 +106,7 @@ TEST(AirtunesSession, HostileBodiesLeaveTheServiceRunning) {
         {"ANNOUNCE x RTSP/1.0\r\n", kRefused},
         {"SET_PARAMETER x RTSP/1.0\r\nCSeq: 7\r\nContent-Length: 17000000\r\n",
          kOk + kJack + "CSeq: 7\r\n\r\n"},
-        {"GET_PARAMETER x RTSP/1.0\r\nContent-Length: abc\r\n", kOk},
-    };
+        {"GET_PARAMETER x RTSP/1.0\r\nContent-Length: abc\r\n", kOk}};
     for (const auto& [head, reply] : cases) {
         Client peer = connect_rtsp();
         peer.send(head + "X-Apple-Device-ID: 0A1B2C3D4E5F60\r\n\r\nvolume: 0\r\n");
@@ -122,8 +115,7 @@ TEST(AirtunesSession, HostileBodiesLeaveTheServiceRunning) {
     // Oversized attributes and fmtp tokens, a challenge of 24 characters without padding.
     std::string sdp = "a=aesiv:" + std::string(700, 'A') + "\r\na=fmtp:" + std::string(40, '9') +
                       std::string(60, ' ') + "\r\na=rsaaeskey:QUJD";
-    std::string r =
-        owner.request("ANNOUNCE", "Apple-Challenge: QUJDREVGR0hJSktMTU5PUFFSU1RV\r\n", sdp);
+    auto r = owner.request("ANNOUNCE", "Apple-Challenge: QUJDREVGR0hJSktMTU5PUFFSU1RV\r\n", sdp);
     EXPECT_TRUE(r.starts_with(kOk + "Apple-Response: ")) << r;
     EXPECT_TRUE(owner.setup().starts_with(kOk));
     r = owner.request("OPTIONS");
@@ -143,14 +135,11 @@ void start_playing(Box& box, AirtunesSender& rtsp) {
     ASSERT_TRUE(box.start());
     rtsp.connect();
     ASSERT_TRUE(rtsp.start_stream());
-    ASSERT_EQ(status_code(rtsp.request("SET_PARAMETER", "Content-Type: image/jpeg\r\n",
-                                       "\xff\xd8\xff\xd9")),
-              200);
+    const std::string art = "\xff\xd8\xff\xd9";
+    ASSERT_EQ(status_code(rtsp.request("SET_PARAMETER", "Content-Type: image/jpeg\r\n", art)), 200);
     ASSERT_TRUE(box.wait_command("start_aod"));
-    EXPECT_EQ(box.targets("start_aod"),
-              std::vector<std::string>{
-                  "/playback?arg0=start_aod&arg1=AirPlayMusic"
-                  "&arg2=airtunes://AirPlayMusic.airtunes&arg3=marquee&arg4=disable"});
+    EXPECT_EQ(box.targets("start_aod"), std::vector<std::string>{"/playback?arg0=start_aod&arg1="
+              "AirPlayMusic&arg2=airtunes://AirPlayMusic.airtunes&arg3=marquee&arg4=disable"});
 }
 
 TEST(AudioStream, PlaysBitExactRestartsOnRecordAndEndsOnSigterm) {
@@ -166,18 +155,15 @@ TEST(AudioStream, PlaysBitExactRestartsOnRecordAndEndsOnSigterm) {
     };
     std::vector<Frame> half;
     std::string half_pcm;
-    for (int round = 0; round < 8; ++round) {
-        half.insert(half.end(), frames.begin(), frames.end());
-        half_pcm += pcm;
-    }
+    for (int round = 0; round < 8; ++round)
+        half.insert(half.end(), frames.begin(), frames.end()), half_pcm += pcm;
     RtpSender sender(rtsp.aes_key, rtsp.aes_iv), foreign(rtsp.aes_key, rtsp.aes_iv, "192.0.2.10");
     ASSERT_TRUE(sender.send_frames(half));
     sender.send(sender.packet(frames[3], 1003, 1056, true), 6001);
     std::this_thread::sleep_for(50ms);
     sender.send(sender.packet(frames.back(), static_cast<uint16_t>(sender.seq - 1), 0));
-    for (const Frame& junk :
-         {Frame(11, 0x60), Frame{0x80, 0x56, 0, 1, 0x80, 0x60}, Frame(300, 0x7F)})
-        sender.send(junk);
+    for (const Frame& bad : {Frame(11, 0x60), Frame{0x80, 0x56, 0, 1, 0x80, 0x60}, Frame(300, 127)})
+        sender.send(bad);
     foreign.send(foreign.packet(frames[7], 77, 0));
     ASSERT_TRUE(sender.send_frames(half));
     const std::string expected = half_pcm + pcm_of(3) + pcm_of(frames.size() - 1) + half_pcm;

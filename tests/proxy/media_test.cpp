@@ -9,7 +9,7 @@
 namespace {
 
 using namespace std::chrono_literals;
-const char kPhoto[] = "/tmp/airplay_photo.jpg";
+const char kPhoto[] = "/tmp/airplay_photo.jpg", kFlag[] = "/tmp/airplay_photo.flg";
 
 TEST(Media, TextFormVideoPlaysThroughTheProxy) {
     zt::MediaFileServer media;
@@ -18,9 +18,8 @@ TEST(Media, TextFormVideoPlaysThroughTheProxy) {
     ASSERT_TRUE(media.start(std::string(2 << 20, 'm')));
     ASSERT_TRUE(box.start() && sender.new_session() && sender.open_reverse());
     media.hold(true);  // the player buffers until the first bytes come
-    EXPECT_EQ(zt::status_code(sender.play("text/parameters",
-                                          "Content-Location: http://192.0.2.20:8080/m.mp4\n")),
-              200);
+    const std::string location = "Content-Location: http://192.0.2.20:8080/m.mp4\n";
+    EXPECT_EQ(zt::status_code(sender.play("text/parameters", location)), 200);
     EXPECT_TRUE(media.wait_request(1).starts_with("GET /m.mp4 HTTP/1.1\r\nAccept: */*\r\n"));
     EXPECT_TRUE(sender.wait_event("loading"));
     media.hold(false);
@@ -55,12 +54,11 @@ TEST(Media, PhotosShowAndStop) {
     jpeg[9] = '\0';
     EXPECT_EQ(put_photo(jpeg), 200);
     EXPECT_TRUE(zt::read_file(kPhoto) == jpeg);
-    EXPECT_EQ(zt::read_file("/tmp/airplay_photo.flg"), "\n");
+    EXPECT_EQ(zt::read_file(kFlag), "\n");
     ASSERT_TRUE(box.wait_command("insert_pod_queue"));
     EXPECT_EQ(box.targets("insert_pod_queue"),
-              std::vector<std::string>{
-                  "/playback?arg0=insert_pod_queue&arg1="
-                  "AirPlayPhoto&arg2=file:///tmp/airplay_photo.jpg&arg3=&arg4=rot0&arg5=show"});
+              std::vector<std::string>{"/playback?arg0=insert_pod_queue&arg1=AirPlayPhoto&arg2="
+                                       "file:///tmp/airplay_photo.jpg&arg3=&arg4=rot0&arg5=show"});
     // Cache-only: read and dropped. Beyond 32 MiB: refused unread (500, connection closed).
     EXPECT_EQ(put_photo("other", "X-Apple-Purpose: cacheOnly\r\n"), 200);
     EXPECT_EQ(put_photo("", "", 40u << 20), 500);
@@ -76,9 +74,7 @@ TEST(Media, PhotosShowAndStop) {
     write_fifo("stop");
     EXPECT_TRUE(sender.wait_event("stopped"));
     // POST /stop: stop_pod, and both files go, also when the player does not answer.
-    auto gone = [] {
-        return !zt::file_exists(kPhoto) && !zt::file_exists("/tmp/airplay_photo.flg");
-    };
+    auto gone = [] { return !zt::file_exists(kPhoto) && !zt::file_exists(kFlag); };
     EXPECT_EQ(sender.post("/stop"), 200);
     EXPECT_TRUE(box.wait_command("stop_pod") && gone());
     EXPECT_EQ(put_photo(jpeg), 200);

@@ -32,12 +32,7 @@ TEST(Proxy, ByteForByteUpstreamRefusalsAndAStalledConnection) {
     zt::Client first = player(), second = player();
     // Each request on its connection: the body relayed from offset on, and what the server got
     // (the whole request, or its start for the last two).
-    const struct {
-        zt::Client& c;
-        std::string request;
-        size_t offset;
-        std::string upstream;
-    } cases[] = {
+    const std::tuple<zt::Client&, std::string, size_t, std::string> cases[] = {
         {first, kProxy + "/v/a.mp4?sig=x%2By HTTP/1.1\r\nAccept: */*\r\n\r\n", 0,
          "GET /v/a.mp4?sig=x%2By HTTP/1.1\r\nAccept: */*\r\nUser-Agent: Wget/1.11.4\r\n"
          "Host: 192.0.2.20:8080\r\nConnection: Keep-Alive\r\n\r\n"},
@@ -72,7 +67,7 @@ TEST(Proxy, ByteForByteUpstreamRefusalsAndAStalledConnection) {
     for (const std::string& target :
          {"127.0.0.1:8008/playback?arg0=stop_vod"s, "0.0.0.0:8080/a"s, "no-such-host.invalid:80/a"s,
           "192.0.2.20:8080/" + std::string(4100, 'l'), "192.0.2.20:99999/a"s}) {
-        zt::Client p = player();
+        auto p = player();
         p.send("GET /proxy?url=http://" + target + " HTTP/1.1\r\nAccept: */*\r\n\r\n");
         EXPECT_EQ(p.recv_all(10s), "HTTP/1.1 502 Bad Gateway\r\nContent-Length: 0\r\n\r\n");
     }
@@ -92,9 +87,8 @@ TEST(Proxy, ByteForByteUpstreamRefusalsAndAStalledConnection) {
     ASSERT_FALSE(large.wait_request(1).empty());
     std::this_thread::sleep_for(500ms);  // its relay fills the buffers and waits
     zt::Client seek = player();
-    seek.send(big + "Range: bytes=100-\r\n\r\n");
-    std::string reply = seek.recv_message(8s);  // well within the stalled relay's 10 s
-    EXPECT_EQ(zt::body_of(reply).size(), (8u << 20) - 100);
+    seek.send(big + "Range: bytes=100-\r\n\r\n");  // answered well within the stalled relay's 10 s
+    EXPECT_EQ(zt::body_of(seek.recv_message(8s)).size(), (8u << 20) - 100);
     EXPECT_TRUE(box.wait_log("relay to socket", 20s));  // cut off by the send time-out
 }
 

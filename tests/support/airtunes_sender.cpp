@@ -51,8 +51,7 @@ std::vector<uint8_t> rsa_public(const uint8_t* in, size_t n, bool encrypt) {
 
 std::string dmap_item(const std::string& tag, const std::string& value) {
     std::string s = tag;
-    for (int shift = 24; shift >= 0; shift -= 8)
-        s += static_cast<char>((value.size() >> shift) & 255);
+    for (int shift = 24; shift >= 0; shift -= 8) s += char((value.size() >> shift) & 255);
     return s + value;
 }
 
@@ -67,8 +66,7 @@ std::string recv_rtsp_reply(Client& c) {
 }
 
 AirtunesSender::AirtunesSender(std::string device_id) : device_id_(std::move(device_id)) {
-    RAND_bytes(aes_key.data(), 16);
-    RAND_bytes(aes_iv.data(), 16);
+    RAND_bytes(aes_key.data(), 16), RAND_bytes(aes_iv.data(), 16);
 }
 
 std::string AirtunesSender::request_text(const std::string& method, const std::string& headers,
@@ -144,8 +142,7 @@ RtpSender::RtpSender(const std::array<uint8_t, 16>& k, const std::array<uint8_t,
 
 Frame RtpSender::encrypt(const Frame& frame) const {
     Frame out = frame;
-    aes_encrypt_payload(frame.data(), out.data(), static_cast<int>(frame.size()), iv.data(),
-                        key.data());
+    aes_encrypt_payload(frame.data(), out.data(), int(frame.size()), iv.data(), key.data());
     return out;
 }
 
@@ -155,8 +152,7 @@ Frame RtpSender::packet(const Frame& frame, uint16_t seq_no, uint32_t ts, bool r
     for (uint32_t b : {0x80u, 0xE0u, seq32 >> 8, seq32, ts >> 24, ts >> 16, ts >> 8, ts, 0x12u,
                        0x34u, 0x56u, 0x78u})
         out.push_back(static_cast<uint8_t>(b));
-    Frame payload = encrypt(frame);
-    out.insert(out.end(), payload.begin(), payload.end());
+    for (uint8_t b : encrypt(frame)) out.push_back(b);
     return out;
 }
 
@@ -171,9 +167,7 @@ bool RtpSender::send_frames(const std::vector<Frame>& frames, double speed) {
     const auto start = std::chrono::steady_clock::now();
     const std::chrono::duration<double> frame_time(352 / 44100.0 / (speed > 0 ? speed : 1e9));
     for (size_t i = 0; i < frames.size(); ++i, ++seq, timestamp += 352) {
-        std::this_thread::sleep_until(
-            start +
-            std::chrono::duration_cast<std::chrono::steady_clock::duration>(frame_time * i));
+        std::this_thread::sleep_until(start + frame_time * double(i));
         if (!send(packet(frames[i], seq, timestamp))) return false;
     }
     return true;

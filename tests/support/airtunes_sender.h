@@ -2,20 +2,14 @@
 // the ALAC frames of tests/data/alac encrypted under the session's key and IV.
 #pragma once
 
-#include <unistd.h>
-
 #include <array>
 #include <cstdint>
-#include <string>
-#include <vector>
 
 #include "support/support.h"
 
 namespace zt {
 
-inline Client connect_rtsp() {
-    return connect_from("192.0.2.20", "192.0.2.10", 5000);
-}
+inline Client connect_rtsp() { return connect_from("192.0.2.20", "192.0.2.10", 5000); }
 // One reply: a header block with its body, or a bare status line once nothing more arrives
 // for 300 ms; "" when nothing came.
 std::string recv_rtsp_reply(Client& c);
@@ -44,9 +38,8 @@ class AirtunesSender {
     // ANNOUNCE of the ALAC stream: the key under the box's public key, the IV, a challenge.
     std::string announce();
     std::string setup() {
-        return request("SETUP",
-                       "Transport: RTP/AVP/UDP;unicast;mode=record;control_port=6001;"
-                       "timing_port=6002\r\n");
+        return request("SETUP", "Transport: RTP/AVP/UDP;unicast;mode=record;control_port=6001;"
+                                "timing_port=6002\r\n");
     }
     bool start_stream() {  // each answered 200
         return status_code(announce()) == 200 && status_code(setup()) == 200 &&

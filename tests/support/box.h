@@ -1,11 +1,6 @@
 // The box in a test: player_sim as the player and the real zor_airplay daemon.
 #pragma once
 
-#include <signal.h>
-
-#include <string>
-#include <vector>
-
 #include "support/support.h"
 
 namespace zt {

@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <thread>
 
@@ -57,26 +56,20 @@ ssize_t read_more(int fd, std::string& data, Clock::time_point deadline) {
 // thread's report, or a process stopped by a signal).
 void expect_no_sanitizer_report(const char* name, const std::string& log) {
     for (const char* mark : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
-                             "runtime error:", "WARNING: ThreadSanitizer"}) {
-        size_t at = log.find(mark);
-        if (at != std::string::npos) ADD_FAILURE() << name << ": " << log.substr(at, 4000);
-    }
+                             "runtime error:", "WARNING: ThreadSanitizer"})
+        if (size_t at = log.find(mark); at != std::string::npos)
+            ADD_FAILURE() << name << ": " << log.substr(at, 4000);
 }
 
 }  // namespace
 
-std::string build_dir() {
-    return env_or("ZOR_BUILD_DIR", ZOR_DEFAULT_BUILD_DIR);
-}
-std::string source_dir() {
-    return env_or("ZOR_SOURCE_DIR", ZOR_DEFAULT_SOURCE_DIR);
-}
+std::string build_dir() { return env_or("ZOR_BUILD_DIR", ZOR_DEFAULT_BUILD_DIR); }
+std::string source_dir() { return env_or("ZOR_SOURCE_DIR", ZOR_DEFAULT_SOURCE_DIR); }
 
 bool wait_until(const std::function<bool()>& cond, milliseconds timeout) {
-    for (auto deadline = Clock::now() + timeout; Clock::now() < deadline;) {
+    for (auto deadline = Clock::now() + timeout; Clock::now() < deadline;
+         std::this_thread::sleep_for(milliseconds(20)))
         if (cond()) return true;
-        std::this_thread::sleep_for(milliseconds(20));
-    }
     return cond();
 }
 
@@ -108,22 +101,20 @@ int Process::wait_exit(milliseconds timeout) {
         !wait_until([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout))
         return -1;
     pid_ = -1;
-    return WIFEXITED(status)     ? WEXITSTATUS(status)
-           : WIFSIGNALED(status) ? 128 + WTERMSIG(status)
-                                 : -1;
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 int Process::stop(int sig, milliseconds timeout) {
     if (pid_ > 0) ::kill(pid_, sig);
-    int rc = wait_exit(timeout);
+    const int rc = wait_exit(timeout);
     if (rc == -1 && pid_ > 0)  // it hung: kill and reap it
         ::kill(pid_, SIGKILL), ::waitpid(std::exchange(pid_, -1), nullptr, 0);
     return rc;
 }
 
 Client& Client::operator=(Client&& other) noexcept {
-    close();
-    std::swap(fd_, other.fd_);
+    close(), std::swap(fd_, other.fd_);
     pending_ = std::move(other.pending_);
     return *this;
 }
@@ -131,11 +122,9 @@ Client& Client::operator=(Client&& other) noexcept {
 Client Client::connect(const std::string& host, int port, milliseconds retry_for) {
     for (auto deadline = Clock::now() + retry_for;; std::this_thread::sleep_for(milliseconds(50))) {
         Client c(::socket(AF_INET, SOCK_STREAM, 0));
-        if (attach(c.fd(), host, port, false)) {
-            timeval tv{10, 0};
-            ::setsockopt(c.fd(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-            return c;
-        }
+        const timeval tv{10, 0};
+        ::setsockopt(c.fd(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+        if (attach(c.fd(), host, port, false)) return c;
         if (Clock::now() >= deadline) return Client();
     }
 }
@@ -189,9 +178,7 @@ Client connect_from(const std::string& source, const std::string& host, int port
 int listen_on(const std::string& host, int port) {
     int fd = ::socket(AF_INET, SOCK_STREAM, 0), one = 1;
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    if (attach(fd, host, port, true) && ::listen(fd, 16) == 0) return fd;
-    ::close(fd);
-    return -1;
+    return attach(fd, host, port, true) && ::listen(fd, 16) == 0 ? fd : (::close(fd), -1);
 }
 
 int accept_one(int listen_fd, milliseconds timeout) {
@@ -201,9 +188,8 @@ int accept_one(int listen_fd, milliseconds timeout) {
 std::string header_value(const std::string& message, const std::string& name) {
     size_t at = message.find("\r\n" + name + ":");
     if (at == std::string::npos) return {};
-    size_t start = message.find_first_not_of(' ', at + name.size() + 3);
-    return start == std::string::npos ? ""
-                                      : message.substr(start, message.find("\r\n", start) - start);
+    at = message.find_first_not_of(' ', at + name.size() + 3);
+    return at == std::string::npos ? "" : message.substr(at, message.find("\r\n", at) - at);
 }
 
 int status_code(const std::string& message) {
@@ -214,9 +200,8 @@ int status_code(const std::string& message) {
 size_t message_length(const std::string& data) {
     size_t end = data.find("\r\n\r\n");
     if (end == std::string::npos) return 0;
-    size_t total =
-        end + 4 +
-        std::strtoul(header_value(data.substr(0, end + 4), "Content-Length").c_str(), nullptr, 10);
+    const std::string length = header_value(data.substr(0, end + 4), "Content-Length");
+    size_t total = end + 4 + std::strtoul(length.c_str(), nullptr, 10);
     return data.size() >= total ? total : 0;
 }
 
@@ -238,10 +223,8 @@ bool Box::start_daemon() {
 }
 
 void Box::stop() {
-    bool ran = daemon_.running() || player_.running();
-    if (daemon_.running()) daemon_.stop(SIGTERM);
-    if (player_.running()) player_.stop(SIGTERM, std::chrono::seconds(5));
-    if (!ran) return;
+    if (!daemon_.running() && !player_.running()) return;
+    daemon_.stop(SIGTERM), player_.stop(SIGTERM, std::chrono::seconds(5));  // no-ops if not running
     expect_no_sanitizer_report("zor_airplay", daemon_.log());
     expect_no_sanitizer_report("player_sim", player_.log());
 }
@@ -258,13 +241,12 @@ std::vector<PlayerCommand> Box::commands() const {
 
 std::vector<std::string> Box::targets(const std::string& name) const {
     std::vector<std::string> out;
-    for (const auto& c : commands())
-        if (c.name == name) out.push_back(c.target);
+    for (const auto& c : commands()) if (c.name == name) out.push_back(c.target);
     return out;
 }
 
 std::string Box::sim(const std::string& target) const {
-    Client c = Client::connect("127.0.0.1", 8008);
+    auto c = Client::connect("127.0.0.1", 8008);
     c.send("GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1:8008\r\n\r\n");
     return body_of(c.recv_all());
 }
@@ -292,12 +274,10 @@ bool MediaFileServer::start(std::string file, const std::string& host, int port,
 
 std::string MediaFileServer::wait_request(size_t count, std::chrono::milliseconds timeout) const {
     std::string out;
-    wait_until(
-        [&] {
-            std::lock_guard<std::mutex> hold(lock_);
-            return requests_.size() >= count && !(out = requests_[count - 1]).empty();
-        },
-        timeout);
+    wait_until([&] {
+        std::lock_guard<std::mutex> hold(lock_);
+        return requests_.size() >= count && !(out = requests_[count - 1]).empty();
+    }, timeout);
     return out;
 }
 
@@ -305,12 +285,11 @@ void MediaFileServer::serve(int fd) {
     Client peer(fd);
     std::string request = peer.recv_message(std::chrono::seconds(5));
     if (request.empty()) return;
-    {
-        std::lock_guard<std::mutex> hold(lock_);
-        requests_.push_back(request);
-    }
+    std::unique_lock<std::mutex> hold(lock_);
+    requests_.push_back(request);
+    hold.unlock();
     while (held_ && !stop_) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    std::string range = header_value(request, "Range");
+    const std::string range = header_value(request, "Range");
     long long offset =
         std::clamp(range.starts_with("bytes=") ? std::atoll(&range[6]) : 0LL, 0LL, size_);
     std::string reply = offset > 0 ? "HTTP/1.1 206 Partial Content\r\n" : "HTTP/1.1 200 OK\r\n";

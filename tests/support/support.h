@@ -3,7 +3,6 @@
 
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/types.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -49,9 +48,7 @@ class Client {
     Client() = default;
     explicit Client(int fd) : fd_(fd) {}
     Client(Client&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-    Client& operator=(Client&& other) noexcept;
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
+    Client& operator=(Client&& other) noexcept;  // copies deleted by these moves
     ~Client() { close(); }
 
     static Client connect(const std::string& host, int port,
@@ -83,9 +80,7 @@ struct SocketPair {
     ~SocketPair() { ::close(sock), close_peer(); }
     SocketPair(const SocketPair&) = delete;
     SocketPair& operator=(const SocketPair&) = delete;
-    bool send(const std::string& b) {
-        return ::write(peer, b.data(), b.size()) == ssize_t(b.size());
-    }
+    bool send(const std::string& b) { return write(peer, b.data(), b.size()) == ssize_t(b.size()); }
     void close_peer() { ::close(std::exchange(peer, -1)); }
 };
 
