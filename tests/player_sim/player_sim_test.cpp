@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <regex>
 
 #include "support/box.h"
 
@@ -22,9 +21,15 @@ std::string ask(const std::string& target) {
 }
 // The text after "<tag>" (or "tag=" in /sim/state) up to the next '<' or line end.
 std::string field(const std::string& reply, const std::string& tag) {
-    std::smatch m;
-    const std::regex after("(<" + tag + ">|(?:^|\n)" + tag + "=)([^<\n]*)");
-    return std::regex_search(reply, m, after) ? m.str(2) : "<absent>";
+    size_t from = reply.find("<" + tag + ">");
+    if (from != std::string::npos) {
+        from += tag.size() + 2;
+    } else if ((from = ("\n" + reply).find("\n" + tag + "=")) != std::string::npos) {
+        from += tag.size() + 1;
+    } else {
+        return "<absent>";
+    }
+    return reply.substr(from, reply.find_first_of("<\n", from) - from);
 }
 std::string rv(const std::string& c) { return field(ask("/playback?arg0=" + c), "returnValue"); }
 std::string aod(const char* m = "aod") {
