@@ -97,7 +97,8 @@ inline int32_t unfold_small(uint32_t v) {
     return static_cast<int32_t>((v >> 1) ^ (0u - (v & 1u)));
 }
 
-// The low k bits set, for k = 0..16.
+// The low k bits set, for k = 0..16: alac_arith::low_mask as a table, since in the residual
+// loop a load is cheaper than that function's range checks and a shift by a variable count.
 constexpr std::array<uint32_t, 17> kLowMask = {0x0,    0x1,    0x3,    0x7,    0xF,   0x1F,
                                                0x3F,   0x7F,   0xFF,   0x1FF,  0x3FF, 0x7FF,
                                                0xFFF,  0x1FFF, 0x3FFF, 0x7FFF, 0xFFFF};
@@ -149,7 +150,7 @@ struct read_result {
 
 // The count of a run of zero residuals, read after history fell below 128.
 inline read_result read_run(alac_decoder* d, alac_bits::cursor c, int32_t history,
-                                       uint32_t run_mask) {
+                            uint32_t run_mask) {
     const int k = std::countl_zero(static_cast<uint32_t>(history)) + (history + 16) / 64 - 24;
     uint32_t value;
     if (read_value_fast(&c, 16, k, run_mask, &value)) return {static_cast<int32_t>(value), c.bit};
