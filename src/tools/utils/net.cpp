@@ -15,9 +15,10 @@
 
 namespace {
 
-// Milliseconds left until deadline, for poll: never negative, never beyond a day.
+// Milliseconds left until deadline, for poll: never negative, never beyond a day. Rounded up,
+// so a poll that times out has reached the deadline rather than stopped just short of it.
 int ms_until(net_deadline deadline) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - net_clock::now());
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - net_clock::now());
     return static_cast<int>(std::clamp<long long>(left.count(), 0, 86400000));
 }
 
@@ -30,7 +31,8 @@ int wait_for(int sock, short events, net_deadline deadline) {
         int n = poll(fds, 2, ms_until(deadline));
         if (n < 0 && errno == EINTR) continue;  // the stop, if it was one, is seen above
         if (n < 0 || fds[1].revents != 0) return -1;
-        if (n == 0) return net_clock::now() >= deadline ? 0 : -1;
+        if (n == 0 && net_clock::now() >= deadline) return 0;
+        if (n == 0) continue;  // woke early: the caller is promised the whole wait
         return 1;  // ready, or an error/hang-up that the next read or write reports
     }
 }
