@@ -30,9 +30,6 @@ class bit_writer {
     std::vector<bool> bits_;
 };
 
-using stream_vector = zt::AlacVector;
-inline std::vector<stream_vector> load_vectors() { return zt::alac_vectors(); }
-
 // A decoder set up from fmtp numbers as the audio path does (always two channels).
 inline std::unique_ptr<alac_decoder> make_stream_decoder(const std::vector<int>& fmtp) {
     std::unique_ptr<alac_decoder> d = alac_decoder_new(fmtp[3], 2);

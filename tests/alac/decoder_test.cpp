@@ -88,15 +88,13 @@ TEST(AlacPredictor, WrapsAtTheReadSizeAndAdaptsSixteenBitCoefficients) {
     EXPECT_EQ(fir({32767, 1, 1}, 17, &c, 31), (ints{32767, 32768, 32769}));
     // Taps move against the residual's sign on a rising signal, the nearest first; a residual
     // of 0 or a flat signal adapts nothing; coefficients wrap at 16 bits.
-    const struct {
-        ints r;
-        s16 before, after;
-    } adapt[] = {{{0, 10, 5}, {0}, {1}},          {{0, 10, -5}, {0}, {-1}},
-                 {{0, 10, 20, 1}, {0, 0}, {0, 1}}, {{0, 10, 0}, {-32768}, {-32768}},
-                 {{0, 0, -5}, {-32768}, {-32768}}, {{0, 1, 100000}, {32767}, {-32768}}};
-    for (const auto& a : adapt) {
-        c = a.before, fir(a.r, 17, &c, int(c.size()));
-        EXPECT_EQ(c, a.after) << a.r.back();
+    const std::tuple<ints, s16, s16> adapt[] = {
+        {{0, 10, 5}, {0}, {1}},           {{0, 10, -5}, {0}, {-1}},
+        {{0, 10, 20, 1}, {0, 0}, {0, 1}}, {{0, 10, 0}, {-32768}, {-32768}},
+        {{0, 0, -5}, {-32768}, {-32768}}, {{0, 1, 100000}, {32767}, {-32768}}};
+    for (const auto& [r, before, after] : adapt) {
+        c = before, fir(r, 17, &c, int(c.size()));
+        EXPECT_EQ(c, after) << r.back();
     }
 }
 
@@ -180,9 +178,9 @@ std::string decode_exact(alac_decoder* d, const std::vector<uint8_t>& frame) {
 }
 
 TEST(AlacStreams, EveryVectorDecodesToItsSourcePcmThroughTheToolAndFromExactBuffers) {
-    const std::vector<stream_vector> vectors = load_vectors();
+    const std::vector<zt::AlacVector> vectors = zt::alac_vectors();
     ASSERT_GE(vectors.size(), 7u) << "tests/data/alac/vectors.txt is missing";
-    for (const stream_vector& v : vectors) {
+    for (const zt::AlacVector& v : vectors) {
         // Mono samples land in the first slot of each two-channel sample frame.
         std::string expected = zt::load_alac_pcm(v.name), spread;
         for (size_t i = 0, w = size_t(v.bits / 8); v.channels == 1 && i < expected.size(); i += w)
@@ -228,7 +226,7 @@ TEST(AlacRobustness, DamagedFramesStayInsideTheBuffers) {
         decode_exact(d.get(), frame);
     }
     // Every third frame of every vector, cut short and with one to four bits flipped.
-    for (const stream_vector& v : load_vectors()) {
+    for (const zt::AlacVector& v : zt::alac_vectors()) {
         auto d = make_stream_decoder(v.fmtp);
         const auto frames = zt::load_alac_frames(v.name);
         for (size_t f = 0; f < frames.size(); f += 3) {

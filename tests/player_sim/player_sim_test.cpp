@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-
 #include "support/box.h"
 
 namespace {
@@ -21,15 +20,13 @@ std::string ask(const std::string& target) {
 }
 // The text after "<tag>" (or "tag=" in /sim/state) up to the next '<' or line end.
 std::string field(const std::string& reply, const std::string& tag) {
-    size_t from = reply.find("<" + tag + ">");
-    if (from != std::string::npos) {
-        from += tag.size() + 2;
-    } else if ((from = ("\n" + reply).find("\n" + tag + "=")) != std::string::npos) {
-        from += tag.size() + 1;
-    } else {
-        return "<absent>";
+    for (const std::string& open : {"<" + tag + ">", "\n" + tag + "="}) {
+        const size_t at = ("\n" + reply).find(open);  // a line end in front: "tag=" on line one
+        if (at == std::string::npos) continue;
+        const size_t from = at + open.size() - 1;
+        return reply.substr(from, reply.find_first_of("<\n", from) - from);
     }
-    return reply.substr(from, reply.find_first_of("<\n", from) - from);
+    return "<absent>";
 }
 std::string rv(const std::string& c) { return field(ask("/playback?arg0=" + c), "returnValue"); }
 std::string aod(const char* m = "aod") {

@@ -53,9 +53,8 @@ TEST(ReadRequest, PiecesClosesLimitsAndContentLengthMatchedExactly) {
     };
     // Lower case is another header; blanks skipped; digits up to the first non-digit; saturates.
     const std::pair<const char*, int> lengths[] = {
-        {"content-length: 12", 0},    {"Content-Length:    42", 42},
-        {"Content-Length: abc", 0},   {"Content-Length: 17xyz", 17},
-        {"Content-Length: 99999999999", 0x7fffffff}};
+        {"content-length: 12", 0}, {"Content-Length:    42", 42}, {"Content-Length: abc", 0},
+        {"Content-Length: 17xyz", 17}, {"Content-Length: 99999999999", 0x7fffffff}};
     for (const auto& [header, length] : lengths) {
         const std::string request = std::string("POST /x HTTP/1.1\r\n") + header + "\r\n\r\n";
         cases.push_back({{request}, false, int(request.size()), length, request, "", ""});
