@@ -55,12 +55,8 @@ TEST(PlayerClient, JudgesEveryKindOfReplyGivesUpOnSilenceAndRefusesMalformedUrls
     }
     const std::string ok = "HTTP/1.1 200 OK\r\n\r\n<returnValue>0</returnValue>";
     const std::string start = "HTTP/1.1 200 OK\r\n\r\n<returnValue>0<";
-    const struct {
-        std::string reply;
-        bool hang;
-        int length;  // the reply length the client keeps
-        bool ok;
-    } cases[] = {
+    // A reply, whether silence follows it, the length of it the client keeps, the verdict.
+    const std::tuple<std::string, bool, int, bool> cases[] = {
         {ok, false, int(ok.size()), true},
         {"HTTP/1.1 200 OK\r\n\r\n<returnValue>-1</returnValue>", false, 48, false},  // refused
         {"", false, 0, false},                                                     // closed at once
@@ -68,13 +64,13 @@ TEST(PlayerClient, JudgesEveryKindOfReplyGivesUpOnSilenceAndRefusesMalformedUrls
         {start + std::string(6000, 'p'), false, 5119, true},  // cut at 5119 bytes
         {start, true, 0, false},                              // a start, then silence
     };
-    for (const auto& c : cases) {
-        FakeService service(c.reply, c.hang);
-        EXPECT_EQ(send(kStop, &x), 0) << c.reply.size();
-        EXPECT_EQ(x->player_reply.content_length, c.length) << c.reply.size();
-        EXPECT_EQ(std::string(x->player_reply.body), c.reply.substr(0, size_t(c.length)));
-        EXPECT_EQ(player_command_ok(x.get()), c.ok) << c.reply.size();
-        if (c.reply == ok) {  // the request, byte for byte
+    for (const auto& [reply, hang, length, verdict] : cases) {
+        FakeService service(reply, hang);
+        EXPECT_EQ(send(kStop, &x), 0) << reply.size();
+        EXPECT_EQ(x->player_reply.content_length, length) << reply.size();
+        EXPECT_EQ(std::string(x->player_reply.body), reply.substr(0, size_t(length)));
+        EXPECT_EQ(player_command_ok(x.get()), verdict) << reply.size();
+        if (reply == ok) {  // the request, byte for byte
             EXPECT_EQ(service.received,
                       "GET /playback?arg0=stop_vod HTTP/1.1\r\nUser-Agent: Wget/1.11.2\r\n"
                       "Accept: */*\r\nHost: 127.0.0.1:8008\r\nConnection: Keep-Alive\r\n\r\n");
