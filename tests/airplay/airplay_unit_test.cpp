@@ -54,7 +54,6 @@ class PairTest : public ::testing::Test {
         video_record_change([](video_record& r) { r = video_record{}; });
     }
     void TearDown() override { g_daemon.session.event_socket = 0; }
-    // What the sender's end has received so far.
     std::string drain() {
         std::string out;
         char buf[8192];

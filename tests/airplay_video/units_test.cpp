@@ -1,7 +1,6 @@
-// The binary property-list reader against bodies written by Python's plistlib
-// (tests/airplay_video/bplists, made by make_bplists.py) and against broken bodies. Every
-// body is parsed from a heap buffer of exactly its length, so a read past the end is caught
-// by AddressSanitizer in the sanitizer build.
+// The binary property-list reader against bodies written by Python's plistlib (bplists/, made
+// by make_bplists.py) and broken ones, each parsed from a heap buffer of exactly its length so
+// that AddressSanitizer catches a read past the end in the sanitizer build.
 #include <gtest/gtest.h>
 
 #include <string>
