@@ -54,7 +54,6 @@ class PairTest : public ::testing::Test {
         video_record_change([](video_record& r) { r = video_record{}; });
     }
     void TearDown() override { g_daemon.session.event_socket = 0; }
-    // What the sender's end has received so far.
     std::string drain() {
         std::string out;
         char buf[8192];
@@ -66,8 +65,7 @@ class PairTest : public ::testing::Test {
     Events events() {
         std::string data = drain();
         Events out;
-        for (size_t at = data.find("POST /event"); at != std::string::npos;
-             at = data.find("POST /event", at + 1))
+        for (size_t at = 0; (at = data.find("POST /event", at)) != std::string::npos; ++at)
             out.push_back(zt::plist_value(data.substr(at), "state"));
         return out;
     }
@@ -104,11 +102,7 @@ using DispatchValues = PairTest;
 TEST_F(DispatchValues, PlaybackInfoScrubAndAccessLogFollowTheVideo) {
     // The reply formats are checked byte for byte against the daemon; here the values.
     auto body = [&](int status, int position, int duration, const std::string& request) {
-        video_record_change([=](video_record& r) {
-            r.video_status.status = status;
-            r.video_status.position = position;
-            r.video_status.duration = duration;
-        });
+        video_record_change([=](auto& r) { r.video_status = {status, 4, position, duration}; });
         pair_.send(request + " HTTP/1.1\r\n\r\n");
         net_conn conn;
         conn_open(&conn, pair_.sock, 0);
@@ -139,15 +133,6 @@ class Monitor : public PairTest {
         PairTest::SetUp();
         ASSERT_TRUE(box_.start_player());
     }
-    // What a successful POST /play leaves behind.
-    void started() {
-        video_record_change([](video_record& r) {
-            r.video_status.status = r.video_status.last_status = 0;
-            r.video_started = 1;
-            ++r.starts;
-        });
-        airplay_events_attach(&g_daemon.session, pair_.sock);
-    }
     static int poll() { return airplay_video_monitor(&g_daemon.session); }
     size_t queries() const { return box_.count("get_current_vod_info"); }
     // Tells player_sim what (unless empty), polls once: the status and the sender's events.
@@ -174,7 +159,13 @@ TEST_F(Monitor, StatesFromStartToEnd) {
     const std::string refuse = "refuse?cmd=get_current_vod_info&count=1";
     EXPECT_EQ(poll(), 4);  // no video, no query
     EXPECT_EQ(queries(), 0u);
-    started();
+    // What a successful POST /play leaves behind.
+    video_record_change([](video_record& r) {
+        r.video_status.status = r.video_status.last_status = 0;
+        r.video_started = 1;
+        ++r.starts;
+    });
+    airplay_events_attach(&g_daemon.session, pair_.sock);
     step(refuse, 0);  // before the player has reported anything a refusal changes nothing
     // The stop the player still shows right after the start is no event, however long.
     step("force?vod=stop", 4);

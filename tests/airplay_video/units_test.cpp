@@ -1,10 +1,10 @@
-// The binary property-list reader against bodies written by Python's plistlib
-// (tests/airplay_video/bplists, made by make_bplists.py) and against broken bodies. Every
-// body is parsed from a heap buffer of exactly its length, so a read past the end is caught
-// by AddressSanitizer in the sanitizer build.
+// The binary property-list reader against bodies written by Python's plistlib (bplists/, made
+// by make_bplists.py) and broken ones, each parsed from a heap buffer of exactly its length so
+// that AddressSanitizer catches a read past the end in the sanitizer build.
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "airplay/video/airplay_video_url.h"
@@ -32,12 +32,9 @@ Found parse(const std::string& body) {
     f.log = testing::internal::GetCapturedStdout();
     f.found = content != nullptr;
     f.changed = copy != std::vector<char>(body.begin(), body.end());
-    if (content != nullptr) {
-        EXPECT_TRUE(content >= copy.data() && end >= content && end <= copy.data() + copy.size());
-        f.content.assign(content, end);
-    } else {
-        EXPECT_EQ(end, nullptr);
-    }
+    if (f.found) f.content.assign(content, end);
+    bool inside = content >= copy.data() && end >= content && end <= copy.data() + copy.size();
+    EXPECT_TRUE(f.found ? inside : end == nullptr);
     return f;
 }
 
@@ -56,14 +53,10 @@ std::string build_bplist(const std::vector<std::string>& objects) {
     return body + table + trailer;
 }
 
-// What plistlib's bodies yield: the location ("" when none is found) and the position.
+// What plistlib's bodies yield: the location ("" when none is found), the position, and a line
+// the reader prints.
 TEST(BplistReader, WrittenBodies) {
-    const struct {
-        const char* name;
-        std::string content;
-        float position;
-        const char* log;  // a line the reader prints
-    } cases[] = {
+    const std::tuple<const char*, std::string, float, const char*> cases[] = {
         {"simple", kUrl, 0.25f, "position : 0.250000"},
         {"real4", kUrl, 0.25f, ""},                          // a 4-byte real
         {"integer_position", kUrl, 42.0f, ""},               // an integer
@@ -84,16 +77,16 @@ TEST(BplistReader, WrittenBodies) {
         {"utf16_ascii", "http://192.0.2.20/A.mp4", 0.0f, ""},         // narrowed
         {"utf16_other", "", 0.0f, ""},                                // not usable
     };
-    for (const auto& c : cases) {
-        std::string body = zt::load_bplist(c.name);
-        ASSERT_FALSE(body.empty()) << c.name;
+    for (const auto& [name, content, position, line] : cases) {
+        std::string body = zt::load_bplist(name);
+        ASSERT_FALSE(body.empty()) << name;
         Found f = parse(body);
-        EXPECT_EQ(f.content, c.content) << c.name;
-        EXPECT_FLOAT_EQ(f.position, c.position) << c.name;
-        EXPECT_NE(f.log.find(c.log), std::string::npos) << c.name << "\n" << f.log;
+        EXPECT_EQ(f.content, content) << name;
+        EXPECT_FLOAT_EQ(f.position, position) << name;
+        EXPECT_NE(f.log.find(line), std::string::npos) << name << "\n" << f.log;
         // The caller's buffer is read in place and, ASCII text, left as it was.
-        EXPECT_EQ(f.changed, std::string(c.name) == "utf16_ascii") << c.name;
-        EXPECT_TRUE(!f.found || f.log.find("s->content : " + c.content) != std::string::npos)
+        EXPECT_EQ(f.changed, std::string(name) == "utf16_ascii") << name;
+        EXPECT_TRUE(!f.found || f.log.find("s->content : " + content) != std::string::npos)
             << f.log;
     }
 }
@@ -110,11 +103,8 @@ TEST(BplistReader, MalformedBodiesGiveNothing) {
     std::string counts(4000, '\x1f'), past = build_bplist({dict, key, "\x51u"});
     counts[0] = '\x5f';
     past[past.size() - 33] = '\xff';
-    struct Broken {
-        const char* what;
-        std::string body, diagnostic;
-    };
-    std::vector<Broken> cases = {
+    const std::string deep = "nesting deeper than 32", size8 = "objLen >=1 && objLen <=8";
+    std::vector<std::tuple<const char*, std::string, std::string>> cases = {
         {"empty", "", "body shorter than 40 bytes"},
         {"wrong magic", patched(7, '1'), "strncmp(\"bplist00\", body, 8)==0"},
         {"39 bytes", simple.substr(0, 39), "body shorter than 40 bytes"},
@@ -122,19 +112,15 @@ TEST(BplistReader, MalformedBodiesGiveNothing) {
         {"top object outside", patched(-9, 100), outside},
         {"offset outside", past, outside},
         {"count beyond the body", build_bplist({"\xdf\x12\x7f\xff\xff\xff"}), outside},
-        {"string beyond the body", build_bplist({dict, key, std::string("\x5f\x12\0\0\x10\0h", 7)}),
-         outside},
+        {"long string", build_bplist({dict, key, std::string("\x5f\x12\0\0\x10\0h", 7)}), outside},
         {"reference beyond the objects", build_bplist({"\xd1\x01\x40", key}), outside},
         {"fill value", build_bplist({dict, key, "\x0f"}), "0"},
-        {"16-byte integer", build_bplist({"\x14" + std::string(16, '\x07')}),
-         "objLen >=1 && objLen <=8"},
+        {"16-byte integer", build_bplist({"\x14" + std::string(16, '\x07')}), size8},
         {"count not an integer", build_bplist({"\x5f\x50\x61"}), "count is not an integer"},
         {"counts of counts", build_bplist({counts}), "count is not an integer"},
-        {"dictionary in itself", build_bplist({std::string("\xd1\x01\0", 3), "\x51k"}),
-         "nesting deeper than 32"},
-        {"dictionary in itself twice", build_bplist({std::string("\xd2\x01\x01\0\0", 5), "\x51k"}),
-         "nesting deeper than 32"},
-        {"41 levels", zt::load_bplist("deep_too_far"), "nesting deeper than 32"},
+        {"dictionary in itself", build_bplist({std::string("\xd1\x01\0", 3), "\x51k"}), deep},
+        {"twice in itself", build_bplist({std::string("\xd2\x01\x01\0\0", 5), "\x51k"}), deep},
+        {"41 levels", zt::load_bplist("deep_too_far"), deep},
     };
     std::vector<std::string> shared;  // each level's two values are the next level: 4096 reads
     for (char i = 1; i <= 12; ++i) shared.push_back(std::string("\xd2\x0c\x0c") + i + i);
@@ -143,35 +129,29 @@ TEST(BplistReader, MalformedBodiesGiveNothing) {
     cases.push_back({"2-byte real", build_bplist({std::string("\x21\0\0", 3)}),
                      "real of a size other than 4 or 8 bytes"});
     for (int field : {-26, -25})  // the trailer's offset and reference sizes
-        for (int size : {0, 9, 255})
-            cases.push_back({"trailer size", patched(field, size), "objLen >=1 && objLen <=8"});
-    for (const Broken& b : cases) {
-        Found f = parse(b.body);
-        EXPECT_FALSE(f.found) << b.what;
-        EXPECT_FLOAT_EQ(f.position, 0.0f) << b.what;
-        size_t at = f.log.find("malformed body (" + b.diagnostic + ")");
-        EXPECT_NE(at, std::string::npos) << b.what << "\n" << f.log;
+        for (int size : {0, 9, 255}) cases.push_back({"trailer size", patched(field, size), size8});
+    for (const auto& [what, body, diagnostic] : cases) {
+        Found f = parse(body);
+        EXPECT_FALSE(f.found) << what;
+        EXPECT_FLOAT_EQ(f.position, 0.0f) << what;
+        size_t at = f.log.find("malformed body (" + diagnostic + ")");
+        EXPECT_NE(at, std::string::npos) << what << "\n" << f.log;
         EXPECT_EQ(f.log.find("malformed body", at + 1), std::string::npos) << "logged twice";
     }
 }
 
 // A too small destination is never overrun, and escapes are never cut.
 TEST(UrlEncode, SmallDestinations) {
-    const struct {
-        std::string src;
-        size_t size;
-        std::string encoded;
-        bool complete;
-    } cases[] = {{"abc", 4, "abc", true},
-                 {"abcd", 4, "abc", false},
-                 {"ab/", 5, "ab", false},
-                 {"ahttp://127.0.0.1:7000/proxy?url=", 32, "a", false},
-                 {"", 1, "", true}};
-    for (const auto& c : cases) {
-        std::string dst(c.size, 'Z');
-        EXPECT_EQ(airplay_url_encode(c.src.c_str(), dst.data(), c.size), c.complete) << c.src;
-        ASSERT_LT(dst.find('\0'), c.size) << c.src;
-        EXPECT_EQ(dst.substr(0, dst.find('\0')), c.encoded);
+    const std::tuple<std::string, size_t, std::string, bool> cases[] = {
+        {"abc", 4, "abc", true}, {"abcd", 4, "abc", false},
+        {"ab/", 5, "ab", false}, {"ahttp://127.0.0.1:7000/proxy?url=", 32, "a", false},
+        {"", 1, "", true},
+    };
+    for (const auto& [src, size, encoded, complete] : cases) {
+        std::string dst(size, 'Z');
+        EXPECT_EQ(airplay_url_encode(src.c_str(), dst.data(), size), complete) << src;
+        ASSERT_LT(dst.find('\0'), size) << src;
+        EXPECT_EQ(dst.substr(0, dst.find('\0')), encoded);
     }
 }
 
