@@ -16,25 +16,26 @@ using namespace std::chrono_literals;
 const std::string kOk = "RTSP/1.0 200 OK\r\n", kRefused = "RTSP/1.0 -1 Unknown\r\n",
                   kJack = "Audio-Jack-Status: connected; type=analog\r\n";
 
-std::string ok_lines(const AirtunesSender& s, const std::string& more = "") {
-    return kOk + more + kJack + "CSeq: " + std::to_string(s.cseq) + "\r\n\r\n";
+// The plain 200 reply to s's last request: s.cseq is read once the request is made.
+void expect_ok(const AirtunesSender& s, const std::string& reply) {
+    EXPECT_EQ(reply, kOk + kJack + "CSeq: " + std::to_string(s.cseq) + "\r\n\r\n");
 }
 
 // Challenge, ANNOUNCE, SETUP and RECORD, each reply checked once byte for byte.
 void start_stream(AirtunesSender& s) {
-    ASSERT_TRUE(s.verify_apple_response(s.options_with_challenge()));
+    ASSERT_TRUE(s.verify_apple_response(s.request("OPTIONS", s.new_challenge() + "\r\n")));
     std::string r = s.announce();
     ASSERT_TRUE(s.verify_apple_response(r));
-    ASSERT_EQ(r, ok_lines(s, "Apple-Response: " + header_value(r, "Apple-Response") + "\r\n"));
+    ASSERT_EQ(r, kOk + "Apple-Response: " + header_value(r, "Apple-Response") + "\r\n" + kJack +
+                     "CSeq: " + std::to_string(s.cseq) + "\r\n\r\n");
     r = s.setup();
     ASSERT_EQ(r, kOk + kJack + "CSeq: " + std::to_string(s.cseq) + "\r\nTransport: RTP/AVP/UDP;"
                      "unicast;mode=record;server_port=6000;control_port=6001;timing_port=6002;"
                      "event_port=5000\r\nSession: DEADBEEF\r\n\r\n");
-    r = s.request("RECORD");
-    ASSERT_EQ(r, ok_lines(s));
+    expect_ok(s, s.request("RECORD"));
 }
 
-TEST(AirtunesSession, WholeSessionOwnershipAndKeyStop) {
+TEST(AirtunesSession, WholeSessionOwnershipKeyStopAndHostileBodies) {
     Box box;  // the player never reports playing music here, and always a video
     ASSERT_TRUE(box.start({"--aod-status", "stop", "--vod-status", "play"}));
     VideoSender video;
@@ -47,9 +48,8 @@ TEST(AirtunesSession, WholeSessionOwnershipAndKeyStop) {
     EXPECT_EQ(box.targets("stop_vod"), std::vector<std::string>{"/playback?arg0=stop_vod"});
     EXPECT_TRUE(box.wait_log("Successfully decrypted key: 16"));
 
-    std::string r =
-        a.request("SET_PARAMETER", "Content-Type: text/parameters\r\n", "volume: -20.500000\r\n");
-    EXPECT_EQ(r, ok_lines(a));
+    expect_ok(a, a.request("SET_PARAMETER", "Content-Type: text/parameters\r\n",
+                           "volume: -20.500000\r\n"));
     EXPECT_TRUE(box.wait_command("set_system_volume", 2));  // from the shell's wget and directly
     EXPECT_EQ(box.targets("set_system_volume"),
               std::vector<std::string>(2, "/system?arg0=set_system_volume&arg1=-10"));
@@ -62,7 +62,7 @@ TEST(AirtunesSession, WholeSessionOwnershipAndKeyStop) {
     std::string jpeg("\xff\xd8\xff\0\xff\xd9", 6);
     a.request("SET_PARAMETER", "Content-Type: image/jpeg\r\n", jpeg);
     EXPECT_EQ(read_file("/tmp/airtunes_thumbnail.jpg"), jpeg);
-    r = a.request("GET_PARAMETER", "Content-Type: text/parameters\r\n", "volume\r\n");
+    std::string r = a.request("GET_PARAMETER", "Content-Type: text/parameters\r\n", "volume\r\n");
     EXPECT_EQ(r, kOk + "Server: AirTunes/130.14\r\nContent-Type: text/parameters\r\nContent-Length:"
                      " 18\r\nCSeq: " + std::to_string(a.cseq) + "\r\n\r\nvolume: 0.000000\r\n");
     EXPECT_EQ(a.request("FLUSH"), kOk);  // player stopped: the status line alone
@@ -82,8 +82,7 @@ TEST(AirtunesSession, WholeSessionOwnershipAndKeyStop) {
     // The remote's stop key: "key_pressed" is served as usual, "key_stopped" ends the stream
     // with two replies, closes the connection and clears the owner.
     std::ofstream("/tmp/airplay_key_stopped.txt") << "key_pressed";
-    r = b.request("OPTIONS");
-    EXPECT_EQ(r, ok_lines(b));
+    expect_ok(b, b.request("OPTIONS"));
     std::ofstream("/tmp/airtunes_info") << "x";
     std::ofstream("/tmp/airplay_key_stopped.txt") << "key_stopped\n";
     b.conn.send(b.request_text("OPTIONS"));
@@ -91,15 +90,9 @@ TEST(AirtunesSession, WholeSessionOwnershipAndKeyStop) {
     EXPECT_FALSE(file_exists("/tmp/airplay_key_stopped.txt") || file_exists("/tmp/airtunes_info"));
     EXPECT_EQ(box.targets("stop_aod"), std::vector<std::string>{"/playback?arg0=stop_aod"});
     a.connect();
-    EXPECT_TRUE(a.announce().starts_with(kOk));
-}
+    ASSERT_TRUE(a.announce().starts_with(kOk));
 
-TEST(AirtunesSession, HostileBodiesLeaveTheServiceRunning) {
-    Box box;
-    ASSERT_TRUE(box.start());
-    AirtunesSender owner;
-    owner.connect();
-    ASSERT_TRUE(owner.announce().starts_with(kOk));
+    // Hostile bodies, from the owner's device id, leave this service and the others running.
     const std::pair<std::string, std::string> cases[] = {
         {"ANNOUNCE x RTSP/1.0\r\nContent-Length: 70000\r\n", kRefused},
         {"ANNOUNCE x RTSP/1.0\r\nContent-Length: -5\r\n", kRefused},
@@ -115,26 +108,22 @@ TEST(AirtunesSession, HostileBodiesLeaveTheServiceRunning) {
     // Oversized attributes and fmtp tokens, a challenge of 24 characters without padding.
     std::string sdp = "a=aesiv:" + std::string(700, 'A') + "\r\na=fmtp:" + std::string(40, '9') +
                       std::string(60, ' ') + "\r\na=rsaaeskey:QUJD";
-    auto r = owner.request("ANNOUNCE", "Apple-Challenge: QUJDREVGR0hJSktMTU5PUFFSU1RV\r\n", sdp);
+    r = a.request("ANNOUNCE", "Apple-Challenge: QUJDREVGR0hJSktMTU5PUFFSU1RV\r\n", sdp);
     EXPECT_TRUE(r.starts_with(kOk + "Apple-Response: ")) << r;
-    EXPECT_TRUE(owner.setup().starts_with(kOk));
-    r = owner.request("OPTIONS");
-    EXPECT_EQ(r, ok_lines(owner));
-    Client airplay = Client::connect("127.0.0.1", 7000);  // the other services untouched
-    airplay.send("GET /server-info HTTP/1.1\r\n\r\n");
-    EXPECT_EQ(status_code(airplay.recv_message()), 200);
+    EXPECT_TRUE(a.setup().starts_with(kOk));
+    expect_ok(a, a.request("OPTIONS"));
+    EXPECT_EQ(status_code(video.request("GET /server-info HTTP/1.1\r\n\r\n")), 200);
 }
 
-std::string recording() {
-    std::string wav = read_file(std::string(Box::kSimOut) + "/audio.wav");
-    return wav.size() > 44 ? wav.substr(44) : "";
+std::string recording() {  // the PCM behind the 44-byte WAV header
+    return read_file(std::string(Box::kSimOut) + "/audio.wav").erase(0, 44);
 }
 
 // A started stream whose artwork has just made the daemon start the player.
 void start_playing(Box& box, AirtunesSender& rtsp) {
     ASSERT_TRUE(box.start());
     rtsp.connect();
-    ASSERT_TRUE(rtsp.start_stream());
+    ASSERT_NO_FATAL_FAILURE(start_stream(rtsp));
     const std::string art = "\xff\xd8\xff\xd9";
     ASSERT_EQ(status_code(rtsp.request("SET_PARAMETER", "Content-Type: image/jpeg\r\n", art)), 200);
     ASSERT_TRUE(box.wait_command("start_aod"));
@@ -150,9 +139,6 @@ TEST(AudioStream, PlaysBitExactRestartsOnRecordAndEndsOnSigterm) {
     // a duplicate, short and foreign-typed datagrams, and packets from another address.
     const auto frames = load_alac_frames("s16_stereo");
     const std::string pcm = load_alac_pcm("s16_stereo");
-    auto pcm_of = [&](size_t i) {
-        return pcm.substr(i * 1408, i + 1 < frames.size() ? 1408 : std::string::npos);
-    };
     std::vector<Frame> half;
     std::string half_pcm;
     for (int round = 0; round < 8; ++round)
@@ -166,7 +152,8 @@ TEST(AudioStream, PlaysBitExactRestartsOnRecordAndEndsOnSigterm) {
         sender.send(bad);
     foreign.send(foreign.packet(frames[7], 77, 0));
     ASSERT_TRUE(sender.send_frames(half));
-    const std::string expected = half_pcm + pcm_of(3) + pcm_of(frames.size() - 1) + half_pcm;
+    const std::string expected =  // frame 3's PCM, then the last, shorter frame's
+        half_pcm + pcm.substr(3 * 1408, 1408) + pcm.substr((frames.size() - 1) * 1408) + half_pcm;
     EXPECT_TRUE(wait_until([&] { return recording().size() >= expected.size(); }, 3s));
     const std::string got = recording();
     EXPECT_GE(got.size(), expected.size() * 95 / 100);
@@ -183,7 +170,7 @@ TEST(AudioStream, PlaysBitExactRestartsOnRecordAndEndsOnSigterm) {
     struct stat before = {}, after = {};
     ::stat("/tmp/airtunes", &before);
     box.sim("/sim/delay?cmd=start_aod&ms=30000");
-    ASSERT_TRUE(rtsp.start_stream());
+    ASSERT_NO_FATAL_FAILURE(start_stream(rtsp));
     EXPECT_TRUE(wait_until(
         [&] { return ::stat("/tmp/airtunes", &after) == 0 && after.st_ino != before.st_ino; }));
     sender.send_frames({frames.begin(), frames.begin() + 20}, 0);

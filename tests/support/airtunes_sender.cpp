@@ -39,11 +39,10 @@ std::vector<uint8_t> rsa_public(const uint8_t* in, size_t n, bool encrypt) {
     std::vector<uint8_t> out(static_cast<size_t>(EVP_PKEY_get_size(key.get())));
     size_t len = out.size();
     int padding = encrypt ? RSA_PKCS1_OAEP_PADDING : RSA_PKCS1_PADDING;
-    if (init != 1 || EVP_PKEY_CTX_set_rsa_padding(ctx.get(), padding) != 1 ||
-        (encrypt ? EVP_PKEY_encrypt(ctx.get(), out.data(), &len, in, n)
-                 : EVP_PKEY_verify_recover(ctx.get(), out.data(), &len, in, n)) != 1)
-        return {};
-    out.resize(len);
+    bool ok = init == 1 && EVP_PKEY_CTX_set_rsa_padding(ctx.get(), padding) == 1 &&
+              (encrypt ? EVP_PKEY_encrypt(ctx.get(), out.data(), &len, in, n)
+                       : EVP_PKEY_verify_recover(ctx.get(), out.data(), &len, in, n)) == 1;
+    out.resize(ok ? len : 0);
     return out;
 }
 

@@ -23,9 +23,8 @@ class AirtunesSender {
     std::string connect() {
         Client first = connect_rtsp();
         first.send(request_text("OPTIONS"));
-        std::string reply = recv_rtsp_reply(first);
         conn = connect_rtsp();
-        return reply;
+        return recv_rtsp_reply(first);
     }
     // A request with the next CSeq, the device id, headers (CR LF each) and the body.
     std::string request_text(const std::string& method, const std::string& headers = "",
@@ -34,17 +33,13 @@ class AirtunesSender {
                         const std::string& body = "") {
         return conn.send(request_text(method, headers, body)) ? recv_rtsp_reply(conn) : "";
     }
-    std::string options_with_challenge() { return request("OPTIONS", new_challenge() + "\r\n"); }
     // ANNOUNCE of the ALAC stream: the key under the box's public key, the IV, a challenge.
     std::string announce();
     std::string setup() {
         return request("SETUP", "Transport: RTP/AVP/UDP;unicast;mode=record;control_port=6001;"
                                 "timing_port=6002\r\n");
     }
-    bool start_stream() {  // each answered 200
-        return status_code(announce()) == 200 && status_code(setup()) == 200 &&
-               status_code(request("RECORD", "RTP-Info: seq=1000;rtptime=0\r\n")) == 200;
-    }
+    std::string new_challenge();  // its header line without CR LF
     // The Apple-Response is the box key's signature over the last challenge, eth0's IPv4 and MAC.
     bool verify_apple_response(const std::string& reply) const;
 
@@ -53,7 +48,6 @@ class AirtunesSender {
     Client conn;
 
    private:
-    std::string new_challenge();  // its header line without CR LF
     std::string device_id_;
     std::array<uint8_t, 16> challenge_{};
 };

@@ -114,16 +114,13 @@ int Process::stop(int sig, milliseconds timeout) {
 }
 
 Client& Client::operator=(Client&& other) noexcept {
-    close(), std::swap(fd_, other.fd_);
-    pending_ = std::move(other.pending_);
+    close(), std::swap(fd_, other.fd_), std::swap(pending_, other.pending_);
     return *this;
 }
 
 Client Client::connect(const std::string& host, int port, milliseconds retry_for) {
     for (auto deadline = Clock::now() + retry_for;; std::this_thread::sleep_for(milliseconds(50))) {
         Client c(::socket(AF_INET, SOCK_STREAM, 0));
-        const timeval tv{10, 0};
-        ::setsockopt(c.fd(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
         if (attach(c.fd(), host, port, false)) return c;
         if (Clock::now() >= deadline) return Client();
     }
@@ -139,33 +136,27 @@ bool Client::send(const std::string& bytes) {
 }
 
 std::string Client::recv_some(milliseconds timeout) {
-    std::string out = std::exchange(pending_, {});
-    if (out.empty()) read_more(fd_, out, Clock::now() + timeout);
-    return out;
+    if (pending_.empty()) read_more(fd_, pending_, Clock::now() + timeout);
+    return std::exchange(pending_, {});
 }
 
 std::string Client::recv_message(milliseconds timeout) {
-    auto deadline = Clock::now() + timeout;
-    std::string data = std::exchange(pending_, {});
-    size_t total;
-    while ((total = message_length(data)) == 0)
-        if (read_more(fd_, data, deadline) <= 0) return data;
-    pending_ = data.substr(total);
-    return data.substr(0, total);
+    for (auto deadline = Clock::now() + timeout; message_length(pending_) == 0;)
+        if (read_more(fd_, pending_, deadline) <= 0) return std::exchange(pending_, {});
+    std::string message = pending_.substr(0, message_length(pending_));
+    pending_.erase(0, message.size());
+    return message;
 }
 
 std::string Client::recv_all(milliseconds timeout) {
-    auto deadline = Clock::now() + timeout;
-    std::string data = std::exchange(pending_, {});
-    while (read_more(fd_, data, deadline) > 0) continue;
-    return data;
+    for (auto deadline = Clock::now() + timeout; read_more(fd_, pending_, deadline) > 0;) continue;
+    return std::exchange(pending_, {});
 }
 
 bool Client::closed_by_peer(milliseconds timeout) {
-    for (auto deadline = Clock::now() + timeout;;) {
-        ssize_t n = read_more(fd_, pending_, deadline);
-        if (n <= 0) return n == 0 || errno == ECONNRESET;
-    }
+    ssize_t n = 1;
+    for (auto deadline = Clock::now() + timeout; n > 0;) n = read_more(fd_, pending_, deadline);
+    return n == 0 || errno == ECONNRESET;
 }
 
 Client connect_from(const std::string& source, const std::string& host, int port, int rcvbuf) {
@@ -223,7 +214,7 @@ bool Box::start_daemon() {
 }
 
 void Box::stop() {
-    if (!daemon_.running() && !player_.running()) return;
+    if (daemon_.pid() <= 0 && player_.pid() <= 0) return;
     daemon_.stop(SIGTERM), player_.stop(SIGTERM, std::chrono::seconds(5));  // no-ops if not running
     expect_no_sanitizer_report("zor_airplay", daemon_.log());
     expect_no_sanitizer_report("player_sim", player_.log());

@@ -33,7 +33,6 @@ class Process {
     // Sends sig; the exit status, or -1 when it did not end within timeout (then killed).
     int stop(int sig, std::chrono::milliseconds timeout = std::chrono::seconds(12));
     int wait_exit(std::chrono::milliseconds timeout);
-    bool running() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }
     std::string log() const { return read_file(log_path_); }
 
