@@ -115,7 +115,7 @@ TEST(AudioPacket, StreamsDecodeBitExactWithTheTailInClearAndAFreshIvPerPacket) {
         frame.resize(static_cast<size_t>(length), 0x5A);
         EXPECT_EQ(decode(frame), expected) << length;
     }
-    for (const stream_vector& v : load_vectors()) {
+    for (const zt::AlacVector& v : zt::alac_vectors()) {
         if (v.fmtp[7] != 2) continue;  // stereo 16 and 24 bits
         airtunes_session.decoder = make_stream_decoder(v.fmtp);
         std::string pcm;

@@ -39,11 +39,6 @@ bool answered_within_a_second(int port, const std::string& request = kNothing) {
     c.send(request);
     return (!c.recv_some(1s).empty() || c.closed_by_peer(50ms)) && clock_type::now() - start < 1s;
 }
-size_t count(const std::string& text, const std::string& needle) {
-    size_t n = 0;
-    for (size_t at = 0; (at = text.find(needle, at)) != std::string::npos; ++at) ++n;
-    return n;
-}
 
 // Peers that send one byte of a request line every 500 ms, one per port.
 struct Tricklers {
@@ -106,7 +101,8 @@ TEST(Daemon, OneStartServesEveryPortThroughStalledHalfClosedAndPipelinedPeers) {
 
     // Each stalled request is given its ten seconds, then its connection is closed.
     for (auto& t : tricklers.peers) EXPECT_TRUE(t.closed_by_peer(12s));
-    EXPECT_EQ(count(box.daemon_log(), "not complete within 10 s"), 3u) << box.daemon_log();
+    EXPECT_EQ(zt::occurrences(box.daemon_log(), "not complete within 10 s"), 3u)
+        << box.daemon_log();
 
     // SIGTERM wins over a body that stops after its first bytes, a trickler and a flood.
     zt::Client stuck = zt::Client::connect("127.0.0.1", 7000);
@@ -171,7 +167,7 @@ TEST(Daemon, PortTakenEndsStartUpAndAFloodBeyondTheCapsIsRefusedQuietly) {
     EXPECT_LE(open, 32u);
     // One refusal line a second at most, however many were refused.
     const size_t seconds = (clock_type::now() - start) / 1s;
-    EXPECT_LE(count(box.daemon_log(), "refused connection"), seconds + 1);
+    EXPECT_LE(zt::occurrences(box.daemon_log(), "refused connection"), seconds + 1);
     flood.clear();
     EXPECT_TRUE(zt::wait_until([] { return answered_within_a_second(7000); }, 5s));
 }

@@ -20,11 +20,6 @@ inline std::string ask(Client& c, const std::string& request) {
 }
 // The text inside the element that follows <key>key</key> ("" when absent).
 std::string plist_value(const std::string& body, const std::string& key);
-inline size_t occurrences(const std::string& s, const std::string& text) {
-    size_t n = 0;
-    for (size_t at = s.find(text); at != std::string::npos; at = s.find(text, at + 1)) ++n;
-    return n;
-}
 // A binary property list of tests/airplay_video/bplists, by name without ".bplist".
 inline std::string load_bplist(const std::string& name) {
     return read_file(source_dir() + "/tests/airplay_video/bplists/" + name + ".bplist");

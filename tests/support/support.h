@@ -86,6 +86,12 @@ struct SocketPair {
 int listen_on(const std::string& host, int port);  // -1 on failure
 int accept_one(int listen_fd, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+// How many times text occurs in s, overlapping ones included.
+inline size_t occurrences(const std::string& s, const std::string& text) {
+    size_t n = 0;
+    for (size_t at = s.find(text); at != std::string::npos; at = s.find(text, at + 1)) ++n;
+    return n;
+}
 std::string header_value(const std::string& message, const std::string& name);  // "" if absent
 int status_code(const std::string& message);
 std::string body_of(const std::string& message);
