@@ -8,7 +8,7 @@
 
 namespace {
 
-using namespace std::chrono_literals;
+using namespace std::literals;
 const char kPhoto[] = "/tmp/airplay_photo.jpg", kFlag[] = "/tmp/airplay_photo.flg";
 
 TEST(Media, TextFormVideoPlaysThroughTheProxy) {
@@ -40,18 +40,11 @@ int put_photo(const std::string& jpeg, const std::string& extra = "", size_t len
     return status;
 }
 
-void write_fifo(const std::string& text) {
-    int fd = ::open("/tmp/airplay_pipe", O_WRONLY | O_NONBLOCK);
-    EXPECT_EQ(::write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    ::close(fd);
-}
-
 TEST(Media, PhotosShowAndStop) {
     zt::Box box;
     zt::VideoSender sender;
     ASSERT_TRUE(box.start() && sender.open_reverse());
-    std::string jpeg = "\xff\xd8\xff\xe0" + std::string(300000, '\x5a') + "\xff\xd9";
-    jpeg[9] = '\0';
+    std::string jpeg = "\xff\xd8\xff\xe0\0\x10JFIF\0"s + std::string(300000, 'Z') + "\xff\xd9";
     EXPECT_EQ(put_photo(jpeg), 200);
     EXPECT_TRUE(zt::read_file(kPhoto) == jpeg);
     EXPECT_EQ(zt::read_file(kFlag), "\n");
@@ -67,12 +60,14 @@ TEST(Media, PhotosShowAndStop) {
     EXPECT_EQ(box.commands().size() - box.count("get_current_vod_info"), 1u);  // nothing else
     // "stop" in the FIFO once the photo bit is set: "stopped", category photo; twice, twice.
     std::this_thread::sleep_for(2500ms);
-    write_fifo("stop\n");
-    EXPECT_TRUE(sender.wait_event("stopped"));
-    EXPECT_NE(sender.events.find("<string>photo</string>"), std::string::npos);
-    sender.events.clear();
-    write_fifo("stop");
-    EXPECT_TRUE(sender.wait_event("stopped"));
+    for (const std::string stop : {"stop\n", "stop"}) {
+        sender.events.clear();
+        int fd = ::open("/tmp/airplay_pipe", O_WRONLY | O_NONBLOCK);
+        EXPECT_EQ(::write(fd, stop.data(), stop.size()), static_cast<ssize_t>(stop.size()));
+        ::close(fd);
+        EXPECT_TRUE(sender.wait_event("stopped")) << stop;
+        EXPECT_NE(sender.events.find("<string>photo</string>"), std::string::npos) << stop;
+    }
     // POST /stop: stop_pod, and both files go, also when the player does not answer.
     auto gone = [] { return !zt::file_exists(kPhoto) && !zt::file_exists(kFlag); };
     EXPECT_EQ(sender.post("/stop"), 200);

@@ -17,7 +17,7 @@ TEST(AddHeaderLine, InsertsBeforeTheBlankLineWithinTheBuffer) {
     const std::string crlf = "GET / HTTP/1.1\r\nHost: a\r\n\r\n";
     EXPECT_EQ(with_line(crlf, "Accept: */*"), "GET / HTTP/1.1\r\nHost: a\r\nAccept: */*\r\n\r\n");
     // LF blocks get a CR LF blank line; what followed the blank line is overwritten.
-    EXPECT_EQ(with_line("GET / HTTP/1.1\nA: a\n\nbody", "B: b"), "GET / HTTP/1.1\nA: a\nB: b\r\n\r\n");
+    EXPECT_EQ(with_line("GET /\nA: a\n\nbody", "B: b"), "GET /\nA: a\nB: b\r\n\r\n");
     EXPECT_EQ(with_line("GET / HTTP/1.1\r\nHost: a", "B: b"), "GET / HTTP/1.1\r\nHost: a");
     EXPECT_EQ(with_line(crlf, ""), crlf);
     EXPECT_EQ(with_line("", "B: b"), "");
@@ -38,13 +38,12 @@ TEST(ProxyUrl, SplitsAndEnforcesLimits) {
         return proxy_parse_url(request, &url);
     };
     ASSERT_EQ(parse("media.example:8080/v/a.mp4?s=1 HTTP/1.1"), kProxyUrlOk);
-    EXPECT_EQ(url.host, "media.example");
-    EXPECT_EQ(url.port, 8080);
-    EXPECT_EQ(url.request_rest, "/v/a.mp4?s=1 HTTP/1.1");
+    EXPECT_EQ(std::tuple(url.host, url.port, url.request_rest),
+              std::tuple("media.example", 8080, "/v/a.mp4?s=1 HTTP/1.1"));
     EXPECT_EQ(parse(std::string(127, 'h') + ":65535/" + std::string(4095 - 5, 'p')), kProxyUrlOk);
-    for (const std::string& bad : std::vector<std::string>
-         {std::string(128, 'h') + ":80/a", "h:0/a", "h:65536/a", "h:000080/a", "h:8a/a",
-          "h/a:80", "h: HTTP/1.1", "h:80/" + std::string(4095 - 4, 'p')})
+    for (const std::string& bad : std::vector<std::string>{
+             std::string(128, 'h') + ":80/a", "h:0/a", "h:65536/a", "h:000080/a", "h:8a/a",
+             "h/a:80", "h: HTTP/1.1", "h:80/" + std::string(4095 - 4, 'p')})
         EXPECT_EQ(parse(bad), kProxyUrlBad) << bad.substr(0, 40);
     EXPECT_EQ(proxy_parse_url("GET /v/a.mp4 HTTP/1.1\r\n\r\n", &url), kProxyUrlAbsent);
 }
