@@ -163,6 +163,7 @@ TEST(AudioStream, PlaysBitExactRestartsOnRecordAndEndsOnSigterm) {
     EXPECT_FALSE(polls.empty());
     EXPECT_EQ(polls, std::vector<std::string>(polls.size(), "/playback?arg0=get_current_aod_info"));
 
+    expect_ok(rtsp, rtsp.request("FLUSH"));  // while playing: the jack line too
     // TEARDOWN while playing stops the player; the next RECORD makes a new pipe and waits
     // for a reader, which never comes (start_aod answered late): SIGTERM still ends it.
     EXPECT_EQ(status_code(rtsp.request("TEARDOWN")), 200);
