@@ -10,7 +10,9 @@ namespace {
 
 // The three bytes at the read position, first byte highest.
 inline uint32_t peek24(const alac_decoder* d) {
-    return alac_bits::load32(d->input, d->input_size, d->input_pos) >> 8;
+    using alac_bits::kWordBits;
+    const alac_bits::word w = alac_bits::load_word(d->input, d->input_size, d->input_pos);
+    return static_cast<uint32_t>(w >> (kWordBits - 24));
 }
 
 inline void advance(alac_decoder* d, int n) {
@@ -72,6 +74,9 @@ int32_t rice_read_value(alac_decoder* d, int e, int k, uint32_t m) {
 
 namespace {
 
+using alac_bits::kWordBits;
+using alac_bits::word;
+
 // Rice parameter of the next residual: floor(log2((history >> 9) + 3)), at most the limit.
 // (A damaged frame can drive history negative; a base of 0 or 1 then gives 0, which reads
 // the same as the -1 that counting the leading zeros of 0 would give.)
@@ -80,10 +85,20 @@ inline int residual_parameter(int32_t history, int limit) {
     return std::min(31 ^ std::countl_zero(base | 1u), limit);  // 31 - clz, as one bit scan
 }
 
-// The same where history is known not to be negative, so that the base is at least 3.
+// The limit, returned from out of line so that the test before the call stays a branch: a
+// conditional move would put the comparison on the chain from one value to the next, and only
+// loud passages reach the limit.
+[[gnu::noinline]] int at_most(int limit) {
+    return limit;
+}
+
+// The same where history is known not to be negative, so that the base is at least 3 (one bit
+// scan, without a test for zero).
 inline int residual_parameter_from_zero(int32_t history, int limit) {
-    const uint32_t base = static_cast<uint32_t>(history >> 9) + 3;
-    return std::min(31 ^ std::countl_zero(base), limit);
+    const uint32_t base = (static_cast<uint32_t>(history) >> 9) + 3;
+    const int k = 31 ^ std::countl_zero(base);
+    if (k > limit) [[unlikely]] return at_most(limit);
+    return k;
 }
 
 // Zero residual v = 0, 1, 2, 3, 4 ... maps to 0, -1, 1, -2, 2 ...
@@ -97,64 +112,93 @@ inline int32_t unfold_small(uint32_t v) {
     return static_cast<int32_t>((v >> 1) ^ (0u - (v & 1u)));
 }
 
-// The low k bits set, for k = 0..16: alac_arith::low_mask as a table, since in the residual
-// loop a load is cheaper than that function's range checks and a shift by a variable count.
-constexpr std::array<uint32_t, 17> kLowMask = {0x0,    0x1,    0x3,    0x7,    0xF,   0x1F,
-                                               0x3F,   0x7F,   0xFF,   0x1FF,  0x3FF, 0x7FF,
-                                               0xFFF,  0x1FFF, 0x3FFF, 0x7FFF, 0xFFFF};
+// The bits ahead of the read position while a block is read. Each value is decoded from `bits`,
+// which is ready as soon as the last value's length is known: where a word holds the bits of
+// two values (64-bit hosts), the next `bits` is the word loaded at this value's start shifted
+// past it, so the load runs beside the decoding rather than after it, off the chain from one
+// value to the next. A 32-bit word holds one value, and is loaded at each value's start.
+struct window {
+    alac_bits::cursor c;
+    word bits;  // the bits at c.bit, left-aligned; at least 25 of them are the frame's
+};
 
-// rice_read_value from one peek, for the common cases: a prefix of at most 8 ones with
-// 1 <= k <= 16 (the prefix, its zero and the k extra bits make at most 25 bits), or an escape
-// of 1 <= e <= 25 bits. Returns false, having read nothing, for any other value. A caller that
-// knows k to be in 1..16 says so with KInRange, which saves testing it.
-template <bool KInRange = false>
-inline bool read_value_fast(alac_bits::cursor* c, int e, int k, uint32_t m, uint32_t* value) {
-    const uint32_t window = alac_bits::peek(*c);
-    if (window >= 0xFF800000u) {
+constexpr word kNineOnes = ~(~word{0} >> 9);
+
+inline window window_at(alac_bits::cursor c) {
+    return {c, alac_bits::peek(c)};
+}
+
+// Past a value of `used` bits, at most 25 (eight ones, their zero and 16 extra bits).
+inline void advance(window* w, int used) {
+    if constexpr (alac_bits::kPeekBits >= 25 + 25) {
+        const word ahead = alac_bits::peek(w->c);
+        w->c.bit += static_cast<unsigned>(used);
+        w->bits = ahead << used;
+    } else {
+        w->c.bit += static_cast<unsigned>(used);
+        w->bits = alac_bits::peek(w->c);
+    }
+}
+
+// rice_read_value from the window, for the common cases: a prefix of at most 8 ones with
+// 1 <= k <= 16, or an escape of at most 25 bits. Returns false, having read nothing, for any
+// other value. KInRange says the caller knows k to be in 1..16; AllOnes that m is all ones.
+template <bool KInRange, bool AllOnes>
+inline bool read_value_fast(window* w, int e, int k, uint32_t m, uint32_t* value) {
+    const word bits = w->bits;
+    if (bits >= kNineOnes) {
         // Nine ones: the value follows verbatim in e bits, with no terminating zero before it.
         if (static_cast<unsigned>(e - 1) > 24u) return false;
-        c->bit += 9;
-        *value = alac_bits::take(c, e);
+        w->c.bit += 9;
+        *value = alac_bits::take(&w->c, e);
+        w->bits = alac_bits::peek(w->c);
         return true;
     }
     if (!KInRange && static_cast<unsigned>(k - 1) > 15u) return false;
-    // With k = 1 the value is the count of ones, which the general case below gives too (one
-    // extra bit, always given back) unless the mask clears bit 0.
-    if (k == 1 && (m & 1u) == 0) return false;
-    // The terminating zero is bit z of the window (z >= 23: the window has a zero in its top
-    // 9); the k bits below it are the extra bits.
-    const int z = 31 ^ std::countl_zero(~window);
-    const uint32_t mask = kLowMask[k];
-    const uint32_t extra = (window >> (z - k)) & mask;
-    const uint32_t ones = static_cast<uint32_t>(31 - z);
+    // With k = 1 the value is the count of ones whatever the mask; below, the mask scales it.
+    if (!AllOnes && k == 1 && (m & 1u) == 0) return false;
+    const int ones = std::countl_zero(static_cast<word>(~bits));  // 0..8
+    // The k extra bits follow the terminating zero.
+    const uint32_t extra = static_cast<uint32_t>((bits << (ones + 1)) >> (kWordBits - k));
+    // ones × the mask: where the mask is all of the k bits, a shift and a subtraction.
+    const uint32_t mask = ~(~0u << k);
+    const uint32_t count = static_cast<uint32_t>(ones);
+    const uint32_t scaled = AllOnes ? (count << k) - count : count * (mask & m);
     // Extra values 0 and 1 are coded in k - 1 bits: the last bit belongs to the next value.
-    *value = ones * (mask & m) + extra - (extra != 0);
-    c->bit += ones + static_cast<unsigned>(k) + (extra > 1);
+    *value = scaled + extra - (extra != 0);
+    advance(w, ones + k + (extra > 1));
     return true;
 }
 
-// A value read by a helper out of the residual loop, and where the reader stands after it.
+// Escapes of more than 25 bits and parameters outside 1..16 (damaged or unusual streams) go
+// through the decoder's own reader. Out of line, and by value both ways, so that the calling
+// loop keeps its window in registers.
 struct read_result {
-    int32_t value;
-    size_t bit;
+    uint32_t value;
+    size_t bit;  // where the reader stands after the value
 };
 
-// Escapes and parameters outside 1..16 go through the decoder's own reader. Out of line and
-// by value, so that the calling loop keeps its cursor in registers.
 [[gnu::noinline]] read_result read_value_slowly(alac_decoder* d, alac_bits::cursor c, int e, int k,
                                                 uint32_t m) {
     alac_bits::hand_back(d, c);
     const int32_t value = rice_read_value(d, e, k, m);
-    return {value, alac_bits::cursor_of(d).bit};
+    return {static_cast<uint32_t>(value), alac_bits::cursor_of(d).bit};
+}
+
+inline uint32_t read_slowly(alac_decoder* d, window* w, int e, int k, uint32_t m) {
+    const read_result r = read_value_slowly(d, w->c, e, k, m);
+    *w = window_at({w->c.data, w->c.size, w->c.whole_words, r.bit});
+    return r.value;
 }
 
 // The count of a run of zero residuals, read after history fell below 128.
-inline read_result read_run(alac_decoder* d, alac_bits::cursor c, int32_t history,
-                            uint32_t run_mask) {
+inline int32_t read_run(alac_decoder* d, window* w, int32_t history, uint32_t run_mask) {
     const int k = std::countl_zero(static_cast<uint32_t>(history)) + (history + 16) / 64 - 24;
     uint32_t value;
-    if (read_value_fast(&c, 16, k, run_mask, &value)) return {static_cast<int32_t>(value), c.bit};
-    return read_value_slowly(d, c, 16, k, run_mask);
+    if (read_value_fast<false, false>(w, 16, k, run_mask, &value)) {
+        return static_cast<int32_t>(value);
+    }
+    return static_cast<int32_t>(read_slowly(d, w, 16, k, run_mask));
 }
 
 // rice_decode_block; KInRange when the limit is 1..16 and the initial history not negative.
@@ -162,7 +206,7 @@ template <bool KInRange>
 void decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_history, int limit,
                   int history_mult, uint32_t run_mask) {
     using namespace alac_arith;
-    alac_bits::cursor c = alac_bits::cursor_of(d);
+    window w = window_at(alac_bits::cursor_of(d));
     int32_t history = initial_history;
     // Residual *o; modifier is 1 for the value after a run shorter than 65536, else 0.
     const auto residual = [&](int32_t* o, uint32_t modifier) {
@@ -170,13 +214,12 @@ void decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_h
                                : residual_parameter(history, limit);
         uint32_t value;
         int32_t v;
-        if (read_value_fast<KInRange>(&c, e, k, 0xFFFFFFFFu, &value)) [[likely]] {
+        if (read_value_fast<KInRange, true>(&w, e, k, 0xFFFFFFFFu, &value)) [[likely]] {
             v = static_cast<int32_t>(value + modifier);  // below 2^25 + 1
             *o = unfold_small(static_cast<uint32_t>(v));
         } else {
-            const read_result r = read_value_slowly(d, c, e, k, 0xFFFFFFFFu);
-            c.bit = r.bit;
-            v = add(r.value, static_cast<int32_t>(modifier));
+            v = add(static_cast<int32_t>(read_slowly(d, &w, e, k, 0xFFFFFFFFu)),
+                    static_cast<int32_t>(modifier));
             *o = unfold(v);
         }
         history = sub(add(history, mul(v, history_mult)), mul(history, history_mult) >> 9);
@@ -187,9 +230,7 @@ void decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_h
         residual(o, 0);
         while (history < 128 && end - o > 1) [[unlikely]] {
             // Quiet passage: a count of zero residuals follows.
-            const read_result r = read_run(d, c, history, run_mask);
-            c.bit = r.bit;
-            const int32_t run = r.value;
+            const int32_t run = read_run(d, &w, history, run_mask);
             if (run > 0) {
                 const int32_t* last = o + std::min<ptrdiff_t>(run, end - o - 1);
                 for (; o < last;) *++o = 0;
@@ -200,7 +241,7 @@ void decode_block(alac_decoder* d, int32_t* out, int count, int e, int initial_h
             residual(o, 1);
         }
     }
-    alac_bits::hand_back(d, c);
+    alac_bits::hand_back(d, w.c);
 }
 
 }  // namespace

@@ -116,10 +116,17 @@ void read_verbatim(alac_decoder* d, int count, bool stereo) {
     }
     alac_bits::cursor c = alac_bits::cursor_of(d);
     if (depth == 16 && stereo) {
-        // The commonest case, where the sign extension is a conversion.
+        // The commonest case, where the sign extension is a conversion: both samples of a
+        // frame from one peek where a word holds them.
         for (int i = 0; i < count; ++i) {
-            a[i] = static_cast<int16_t>(alac_bits::take(&c, 16));
-            b[i] = static_cast<int16_t>(alac_bits::take(&c, 16));
+            if constexpr (alac_bits::kPeekBits >= 32) {
+                const uint32_t pair = alac_bits::take(&c, 32);
+                a[i] = static_cast<int16_t>(pair >> 16);
+                b[i] = static_cast<int16_t>(pair);
+            } else {
+                a[i] = static_cast<int16_t>(alac_bits::take(&c, 16));
+                b[i] = static_cast<int16_t>(alac_bits::take(&c, 16));
+            }
         }
     } else {
         const int width = depth <= 16 ? depth : 24;  // the bit that becomes the sign, plus one

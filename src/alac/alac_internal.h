@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "alac/alac.h"
 
@@ -72,15 +73,30 @@ inline void put24(uint8_t* p, int32_t v) {
 // and handed back to the decoder when the run ends.
 namespace alac_bits {
 
-// The four bytes at byte pos, first byte highest. Bytes past the end of the frame read as
-// zero: a damaged frame may ask for more bits than it holds.
-inline uint32_t load32(const uint8_t* data, size_t size, size_t pos) {
-    if (size >= 4 && pos <= size - 4) {
-        const uint8_t* p = data + pos;
-        return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
+// Bits are handled a machine word at a time: 64 on 64-bit hosts, 32 on the box's ARMv7 (where
+// a wider shift costs several instructions).
+using word = std::conditional_t<(sizeof(void*) >= 8), uint64_t, uint32_t>;
+inline constexpr int kWordBits = static_cast<int>(sizeof(word)) * 8;
+// Bits a peek always holds: a word loaded at a byte, less the up to 7 already consumed there.
+inline constexpr int kPeekBits = kWordBits - 7;
+
+// The word at p, first byte highest. Spelled out byte by byte, which compilers turn into one
+// load (and a byte swap where the host is little-endian); the buffer has no alignment.
+inline word load_big_endian(const uint8_t* p) {
+    if constexpr (sizeof(word) == 8) {
+        return (word{p[0]} << 56) | (word{p[1]} << 48) | (word{p[2]} << 40) | (word{p[3]} << 32) |
+               (word{p[4]} << 24) | (word{p[5]} << 16) | (word{p[6]} << 8) | word{p[7]};
+    } else {
+        return (word{p[0]} << 24) | (word{p[1]} << 16) | (word{p[2]} << 8) | word{p[3]};
     }
-    uint32_t window = 0;
-    for (size_t k = 0; k < 4; ++k) {
+}
+
+// The word at byte pos of a frame of size bytes. Bytes past the end read as zero: a damaged
+// frame may ask for more bits than it holds.
+inline word load_word(const uint8_t* data, size_t size, size_t pos) {
+    if (size >= sizeof(word) && pos <= size - sizeof(word)) return load_big_endian(data + pos);
+    word window = 0;
+    for (size_t k = 0; k < sizeof(word); ++k) {
         window <<= 8;
         if (pos + k < size) window |= data[pos + k];
     }
@@ -90,12 +106,13 @@ inline uint32_t load32(const uint8_t* data, size_t size, size_t pos) {
 struct cursor {
     const uint8_t* data;
     size_t size;
-    size_t whole_words;  // byte positions below this have four bytes of the frame to load
+    size_t whole_words;  // byte positions below this have a whole word of the frame to load
     size_t bit;          // bits consumed since data
 };
 
 inline cursor cursor_of(const alac_decoder* d) {
-    return {d->input, d->input_size, d->input_size >= 4 ? d->input_size - 3 : 0,
+    const size_t whole_words = d->input_size >= sizeof(word) ? d->input_size - sizeof(word) + 1 : 0;
+    return {d->input, d->input_size, whole_words,
             d->input_pos * 8 + static_cast<size_t>(d->bit_offset)};
 }
 
@@ -104,21 +121,16 @@ inline void hand_back(alac_decoder* d, const cursor& c) {
     d->bit_offset = static_cast<int>(c.bit & 7);
 }
 
-// At least the next 25 bits, left-aligned, zeros below them.
-inline uint32_t peek(const cursor& c) {
+// At least the next kPeekBits bits, left-aligned, zeros below them.
+inline word peek(const cursor& c) {
     const size_t pos = c.bit >> 3;
-    if (pos < c.whole_words) [[likely]] {
-        const uint8_t* p = c.data + pos;
-        const uint32_t word =
-            (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
-        return word << (c.bit & 7);
-    }
-    return load32(c.data, c.size, pos) << (c.bit & 7);
+    if (pos < c.whole_words) [[likely]] return load_big_endian(c.data + pos) << (c.bit & 7);
+    return load_word(c.data, c.size, pos) << (c.bit & 7);
 }
 
-// The next n bits, 1 <= n <= 25.
+// The next n bits, 1 <= n <= min(kPeekBits, 32): at least 25 on every host.
 inline uint32_t take(cursor* c, int n) {
-    const uint32_t value = peek(*c) >> (32 - n);
+    const uint32_t value = static_cast<uint32_t>(peek(*c) >> (kWordBits - n));
     c->bit += static_cast<size_t>(n);
     return value;
 }
