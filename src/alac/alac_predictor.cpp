@@ -29,10 +29,10 @@ using alac_arith::sub;
 // One adaptation step on tap j, whose difference to the oldest sample is d = b[0] − b[n − j]:
 // moves c[j] against the residual e, whose sign is Sign, and returns what is left of e.
 // d × s is Sign times the magnitude of d: one multiplication, where a magnitude is three steps.
-template <int Sign>
-inline int32_t adapt_tap(int16_t* c, int j, int n, int q, int32_t d, int32_t e) {
+template <int Sign, typename Coef>
+inline int32_t adapt_tap(Coef* c, int j, int n, int q, int32_t d, int32_t e) {
     const int s = Sign * alac_arith::sign_of(d);
-    c[j] = static_cast<int16_t>(c[j] - s);
+    c[j] = static_cast<Coef>(c[j] - s);
     return sub(e, mul(mul(d, s) >> q, n - j));
 }
 
@@ -109,10 +109,8 @@ inline void adapt_short(int32_t* c, uint32_t* m, int q, const int32_t* b, int32_
 #pragma GCC unroll 32
     for (int j = N - 1; j >= 0; --j) {
         const int32_t d = sub(b[0], b[N - j]);
-        const int s = Sign * alac_arith::sign_of(d);
-        c[j] -= s;
-        *m += static_cast<uint32_t>(s);
-        e = sub(e, mul(mul(d, s) >> q, N - j));
+        *m += static_cast<uint32_t>(Sign * alac_arith::sign_of(d));  // c[j] falls by as much
+        e = adapt_tap<Sign>(c, j, N, q, d, e);
         if (used_up<Sign>(e)) break;
     }
 }
